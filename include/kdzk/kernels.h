@@ -17,6 +17,12 @@
 extern "C" {
 #endif
 
+#ifdef __cplusplus
+#define KDZK_INLINE constexpr
+#else
+#define KDZK_INLINE static inline
+#endif
+
 #define KDZK_KERNEL_IDS 8192u    /* ids 0 to 8191; also the length of the names table */
 #define KDZK_DISPATCH_SIZE 8256u /* entries of the dispatch table; those behind the ids are zero */
 
@@ -53,19 +59,19 @@ extern "C" {
 #define KDZK_NO_ROW_OF_WIDTH 127u /* what kdzk_row_of_width returns for a width that has no row */
 
 /* Row of a width in bits: 1 to 20 have rows 0 to 19, 24 has 20, 32 has 21, 64 has 22, all others have none. */
-static inline uint32_t kdzk_row_of_width(uint32_t width) {
+KDZK_INLINE uint32_t kdzk_row_of_width(uint32_t width) {
   if (width >= 1 && width <= 20) return width - 1;
   return width == 24 ? 20u : width == 32 ? 21u : width == 64 ? 22u : KDZK_NO_ROW_OF_WIDTH;
 }
 
 /* Kernel id of a row (0 to 63) and a column (0 to 127) of the matrix. */
-static inline uint32_t kdzk_id_of(uint32_t row, uint32_t column) { return row * 128u + column; }
+KDZK_INLINE uint32_t kdzk_id_of(uint32_t row, uint32_t column) { return row * 128u + column; }
 
 /* The `kind` that a host stores in kdzk_enc_ctx for a column of this row and family. */
-static inline uint8_t kdzk_kind_of(uint32_t row, uint32_t family) { return (uint8_t)(row * 4u + family); }
+KDZK_INLINE uint8_t kdzk_kind_of(uint32_t row, uint32_t family) { return (uint8_t)(row * 4u + family); }
 
 /* Kernel id of a column's kind and an operation. */
-static inline uint32_t kdzk_id_of_kind(uint8_t kind, uint32_t operation) { return kind * 32u + operation; }
+KDZK_INLINE uint32_t kdzk_id_of_kind(uint8_t kind, uint32_t operation) { return kind * 32u + operation; }
 
 /* ---- Calling shapes. Kernels are reentrant and keep nothing between calls; records may be shared by threads only as
  * kdzk/records.h says. The result's upper 32 bits are zero. ---- */

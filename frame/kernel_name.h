@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: Apache-2.0
+// The name of a kernel and the texts made from it, composed at compile time from the same parts as its id.
+#ifndef FRAME_KERNEL_NAME_H
+#define FRAME_KERNEL_NAME_H
+
+#include <array>
+#include <cstddef>
+#include <string_view>
+
+#include "frame/operation.h"
+
+namespace kdzk {
+
+// A text under construction; longer than any name.
+struct Draft {
+  char chars[96] = {};
+  size_t size = 0;
+
+  constexpr Draft& operator+=(std::string_view text) {
+    for (char c : text) chars[size++] = c;
+    return *this;
+  }
+  constexpr Draft& operator+=(int number) {
+    if (number >= 10) *this += number / 10;
+    chars[size++] = static_cast<char>('0' + number % 10);
+    return *this;
+  }
+};
+
+// The text that `compose` drafts, in an array of just its length and a closing zero.
+template <Draft (*compose)()>
+inline constexpr auto text = [] {
+  constexpr Draft draft = compose();
+  std::array<char, draft.size + 1> chars{};
+  for (size_t i = 0; i < draft.size; i++) chars[i] = draft.chars[i];
+  return chars;
+}();
+
+template <class Family, Op op>
+constexpr Draft draft_name() {
+  Draft name;
+  name += "kdzk_";
+  name += word_of(op);
+  name += "_";
+  name += Family::form;
+  name += "_";
+  name += Family::width;
+  name += "bit";
+  name += Family::suffix;
+  return name;
+}
+
+template <class Family, Op op>
+constexpr Draft draft_alloc_comment() {
+  Draft name = draft_name<Family, op>();
+  name += ": vec1_decomp";
+  return name;
+}
+
+template <class Family, Op op>
+constexpr Draft draft_failure() {
+  Draft name = draft_name<Family, op>();
+  name += ": kdzk_sqzb_decode failed";
+  return name;
+}
+
+// "kdzk_eq_dict_13bit"
+template <class Family, Op op>
+inline constexpr const char* kernel_name = text<draft_name<Family, op>>.data();
+
+// "kdzk_eq_dict_13bit: vec1_decomp"
+template <class Family, Op op>
+inline constexpr const char* alloc_comment = text<draft_alloc_comment<Family, op>>.data();
+
+// "kdzk_eq_dict_13bit: kdzk_sqzb_decode failed"
+template <class Family, Op op>
+inline constexpr const char* decode_failure = text<draft_failure<Family, op>>.data();
+
+}  // namespace kdzk
+
+#endif

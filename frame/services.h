@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+// The service functions behind the slots of the exported record. kdzk/context.h says what they do.
+#ifndef FRAME_SERVICES_H
+#define FRAME_SERVICES_H
+
+#include <kdzk/records.h>
+
+namespace kdzk {
+
+void kdzk_noop1(void*);
+uint64_t kdzk_reserved0();
+
+void kdzk_bv8_count(uint32_t* count, const void* src, uint64_t nrows);
+void kdzk_bv8_not(void* dst, uint32_t* count, const void* src, uint64_t nrows);
+void kdzk_bv8_and(void* dst, uint32_t* count, const void* a, const void* b, uint64_t nrows);
+void kdzk_bv8_or(void* dst, uint32_t* count, const void* a, const void* b, uint64_t nrows);
+void kdzk_bv8_xor(void* dst, uint32_t* count, const void* a, const void* b, uint64_t nrows);
+void kdzk_bv8_andnot(void* dst, uint32_t* count, const void* a, const void* b, uint64_t nrows);
+void kdzk_bv8_and3(void* dst, uint32_t* count, const void* a, const void* b, const void* c, uint64_t nrows);
+void kdzk_bv8_or3(void* dst, uint32_t* count, const void* a, const void* b, const void* c, uint64_t nrows);
+void kdzk_bv8_xor3(void* dst, uint32_t* count, const void* a, const void* b, const void* c, uint64_t nrows);
+
+void kdzk_bv64_count(uint32_t* count, const void* src, uint64_t nrows);
+void kdzk_bv64_not(void* dst, uint32_t* count, const void* src, uint64_t nrows);
+void kdzk_bv64_and(void* dst, uint32_t* count, const void* a, const void* b, uint64_t nrows);
+void kdzk_bv64_or(void* dst, uint32_t* count, const void* a, const void* b, uint64_t nrows);
+void kdzk_bv64_xor(void* dst, uint32_t* count, const void* a, const void* b, uint64_t nrows);
+void kdzk_bv64_andnot(void* dst, uint32_t* count, const void* a, const void* b, uint64_t nrows);
+void kdzk_bv64_and3(void* dst, uint32_t* count, const void* a, const void* b, const void* c, uint64_t nrows);
+void kdzk_bv64_or3(void* dst, uint32_t* count, const void* a, const void* b, const void* c, uint64_t nrows);
+void kdzk_bv64_xor3(void* dst, uint32_t* count, const void* a, const void* b, const void* c, uint64_t nrows);
+
+void kdzk_bv_set_range(void* bits, uint64_t first, uint64_t last);
+void kdzk_bv_clear_range(void* bits, uint64_t first, uint64_t last);
+void kdzk_bv_iter_init(kdzk_bv_iter* iter, const uint64_t* words, uint32_t nrows, uint32_t invert, uint32_t start);
+
+uint64_t kdzk_bv8_next_set(kdzk_bv_iter* iter);
+uint64_t kdzk_bv8_next_clear(kdzk_bv_iter* iter);
+uint64_t kdzk_bv8_next_set_batch(kdzk_bv_iter* iter, uint32_t* rows, uint32_t capacity);
+uint64_t kdzk_bv8_no_next(kdzk_bv_iter* iter, uint64_t unused);
+
+uint64_t kdzk_bv64_next_set(kdzk_bv_iter* iter);
+uint64_t kdzk_bv64_next_clear(kdzk_bv_iter* iter);
+uint64_t kdzk_bv64_next_set_batch(kdzk_bv_iter* iter, uint32_t* rows, uint32_t capacity);
+uint64_t kdzk_bv64_no_next(kdzk_bv_iter* iter, uint64_t unused);
+
+uint64_t kdzk_bv_no_batch(kdzk_bv_iter* iter, uint32_t* rows, uint32_t capacity, uint64_t unused);
+
+}  // namespace kdzk
+
+#endif

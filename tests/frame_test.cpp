@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+// The exported record, the dispatch table and the names table.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <set>
+#include <string>
+
+#include "tests/support/predicate_oracle.h"
+
+namespace kdzk_test {
+namespace {
+
+TEST(Record, HoldsItsNumbersAndNames) {
+  uint64_t words[67];
+  static_assert(sizeof words == sizeof(kdzk_specialized_ctx));
+  std::memcpy(words, &library(), sizeof words);
+  EXPECT_EQ(words[0], 0xb9018218u);
+  EXPECT_STREQ(reinterpret_cast<const char*>(words[1]), "19.1-1");
+  EXPECT_EQ(words[2], 3u);
+  EXPECT_STREQ(reinterpret_cast<const char*>(words[3]), "vexksse4219");
+  for (int i = 4; i <= 10; i++) EXPECT_EQ(words[i], 8u);
+  EXPECT_EQ(words[11], 16u);
+  EXPECT_EQ(words[12], 0u);
+  EXPECT_EQ(words[13], 16u);
+  EXPECT_EQ(words[14], reinterpret_cast<uint64_t>(library().dispatch));
+}
+
+// Slots 15 to 50 and 65, 66 hold functions, distinct but for the six pairs; 51 to 64 hold none yet.
+TEST(Record, HoldsDistinctServices) {
+  uint64_t words[67];
+  std::memcpy(words, &library(), sizeof words);
+  const std::map<int, int> same_as = {{16, 15}, {43, 26}, {44, 27}, {45, 28}, {50, 33}, {66, 65}};
+  std::set<uint64_t> distinct;
+  for (int slot = 15; slot <= 66; slot++) {
+    if (slot >= 51 && slot <= 64) {
+      EXPECT_EQ(words[slot], 0u) << slot;
+    } else if (const auto same = same_as.find(slot); same != same_as.end()) {
+      EXPECT_EQ(words[slot], words[same->second]) << slot;
+    } else {
+      EXPECT_NE(words[slot], 0u) << slot;
+      EXPECT_TRUE(distinct.insert(words[slot]).second) << slot;
+    }
+  }
+  library().noop1[0](nullptr);
+  EXPECT_EQ(library().reserved0[0](), 0u);
+}
+
+TEST(Dispatch, HoldsTheKernelsOfTheMatrixAndNoOther) {
+  std::map<uint32_t, std::string> kernels;
+  for (const PredicateKernel& kernel : predicate_kernels()) kernels[kernel.id()] = kernel.name();
+  EXPECT_EQ(kernels.size(), 190u);
+  std::set<uint64_t> distinct;
+  const char* shared = kdzk_name_of(&library(), 0);
+  for (uint32_t id = 0; id < KDZK_DISPATCH_SIZE; id++) {
+    uint64_t address;
+    std::memcpy(&address, &library().dispatch[id], sizeof address);
+    const auto kernel = kernels.find(id);
+    EXPECT_EQ(address != 0, kernel != kernels.end()) << id;
+    if (address != 0) {
+      EXPECT_TRUE(distinct.insert(address).second) << kernel->second;
+    }
+    if (id >= KDZK_KERNEL_IDS) continue;
+    if (kernel != kernels.end()) {
+      EXPECT_STREQ(kdzk_name_of(&library(), id), kernel->second.c_str());
+    } else {
+      EXPECT_EQ(kdzk_name_of(&library(), id), shared) << id;
+      EXPECT_STREQ(shared, "kdzk_invalid_dispatch");
+    }
+  }
+}
+
+TEST(Dispatch, IsFoundByTheHeadersArithmetic) {
+  for (const PredicateKernel& kernel : predicate_kernels()) {
+    const uint32_t row = kdzk_row_of_width(static_cast<uint32_t>(kernel.width)) + (kernel.suffix != "" ? 32 : 0);
+    const uint32_t family = kernel.form == "dict" ? KDZK_FAMILY_DICT : kernel.form == "dynp" ? KDZK_FAMILY_DYNP : 0;
+    const auto op = static_cast<uint32_t>(kernel.op);
+    EXPECT_EQ(kdzk_id_of(row, family * 32 + op), kernel.id());
+    EXPECT_EQ(kdzk_id_of_kind(kdzk_kind_of(row, family), op), kernel.id());
+  }
+  for (uint32_t width : {0u, 21u, 23u, 25u, 31u, 33u, 63u, 65u, 255u}) {
+    EXPECT_EQ(kdzk_row_of_width(width), KDZK_NO_ROW_OF_WIDTH) << width;
+  }
+}
+
+}  // namespace
+}  // namespace kdzk_test

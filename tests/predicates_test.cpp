@@ -1,0 +1,336 @@
+// SPDX-License-Identifier: Apache-2.0
+// Every predicate kernel of the matrix, found by its id as a host finds it, against a plain loop over codes.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "tests/support/predicate_oracle.h"
+
+namespace kdzk_test {
+namespace {
+
+class Predicates : public testing::TestWithParam<PredicateKernel> {
+ protected:
+  void SetUp() override { ASSERT_STREQ(kdzk_name_of(&library(), GetParam().id()), GetParam().name().c_str()); }
+};
+
+// One vector of a column with its constants, and what a call on it has to give.
+struct Vector {
+  const PredicateKernel& kernel;
+  std::vector<uint64_t> codes;
+  uint64_t low, high;
+  GuardedBuffer column;
+  Constant low_constant, high_constant;
+  kdzk_enc_ctx enc{};
+  kdzk_vec input{};
+
+  Vector(const PredicateKernel& k, std::vector<uint64_t> c, uint64_t lo, uint64_t hi, uint8_t slack_fill = 0xa5)
+      : kernel(k),
+        codes(std::move(c)),
+        low(lo),
+        high(hi),
+        column(stored(k, codes), KDZK_PADDING, slack_fill),
+        low_constant(k, lo),
+        high_constant(k, hi) {
+    enc.flags = KDZK_PACKED_DICT;
+    enc.width = static_cast<uint8_t>(k.width);
+    input.data = column.data();
+    input.enc_ctx = &enc;
+    input.nrows = nrows();
+  }
+
+  uint32_t nrows() const { return static_cast<uint32_t>(codes.size()); }
+
+  std::vector<bool> expected() const {
+    std::vector<bool> rows(codes.size());
+    for (size_t r = 0; r < codes.size(); r++) rows[r] = qualifies(kernel, codes[r], low, high);
+    return rows;
+  }
+
+  uint64_t call(kdzk_vec* result, kdzk_exec* exec) const {
+    return kernel.call(result, &input, low_constant.args(), high_constant.args(), exec);
+  }
+
+  std::string describe() const {
+    return kernel.name() + ", " + std::to_string(nrows()) + " rows, constants " + std::to_string(low) + ", " +
+           std::to_string(high);
+  }
+};
+
+std::vector<bool> both(std::vector<bool> a, const std::vector<bool>& b) {
+  for (size_t r = 0; r < a.size(); r++) a[r] = a[r] && b[r];
+  return a;
+}
+
+// Row, hits and return code of one finished call.
+void expect_result(const std::vector<bool>& want, const GuardedBits& got, const kdzk_vec& result, uint64_t returned) {
+  const auto got_rows = got.rows();
+  const auto first = std::mismatch(want.begin(), want.end(), got_rows.begin()).first;
+  EXPECT_EQ(first, want.end()) << "first row that differs: " << first - want.begin();
+  const auto hits = static_cast<uint32_t>(std::count(want.begin(), want.end(), true));
+  EXPECT_EQ(result.hits, hits);
+  EXPECT_EQ(returned, hits > 0 ? KDZK_DONE : KDZK_NO_ROW);
+}
+
+// The cases of the 1-bit kernels that answer with all rows are not to be called without rows.
+bool undefined_without_rows(const PredicateKernel& kernel) { return kernel.width == 1; }
+
+TEST_P(Predicates, AgreeWithThePlainLoop) {
+  const PredicateKernel& kernel = GetParam();
+  Random random(kernel.name());
+  const auto step = static_cast<uint32_t>(kernel.rows_per_step());
+  for (uint32_t nrows : {0u, 1u, 7u, step - 1, step, step + 1, 63u, 64u, 65u, 2 * step + 31, 1000u}) {
+    if (nrows == 0 && undefined_without_rows(kernel)) continue;
+    for (Fill fill : fills) {
+      const auto codes = random_codes(random, kernel, nrows, fill);
+      const uint64_t hit = nrows > 0 ? codes[random.below(nrows)] : 0;
+      const uint64_t other = random.bits() & kernel.top();
+      const uint64_t next = std::min(hit + 1, kernel.top());
+      for (const auto& [low, high] :
+           {std::pair(hit, other), std::pair(other, hit), std::pair(uint64_t{0}, kernel.top()),
+            std::pair(kernel.top(), uint64_t{0}), std::pair(hit, hit), std::pair(hit, next)}) {
+        const Vector vector(kernel, codes, low, high, static_cast<uint8_t>(random.bits()));
+        SCOPED_TRACE(vector.describe() + ", fill " + std::to_string(static_cast<int>(fill)) + ", seed " +
+                     std::to_string(random.seed()));
+        now_running(vector.describe());
+        GuardedBits bits(nrows, random.bits());
+        kdzk_vec result{};
+        result.bitvec = bits.words();
+        result.nrows = nrows;
+        result.hits = 12345;
+        const uint64_t returned = vector.call(&result, nullptr);
+        expect_result(vector.expected(), bits, result, returned);
+        if (HasFailure()) return;
+      }
+    }
+  }
+}
+
+TEST_P(Predicates, ApplyFilterAndSelectionOnBothRoads) {
+  const PredicateKernel& kernel = GetParam();
+  Random random(kernel.name());
+  for (uint32_t nrows : {1u, 64u, 333u}) {
+    const auto codes = random_codes(random, kernel, nrows, Fill::runs);
+    const Vector plain(kernel, codes, codes[0] / 2, codes[nrows / 2]);
+    for (unsigned percent : {0u, 5u, 60u, 100u}) {
+      const auto filter_rows = random.rows(nrows, 50), selected_rows = random.rows(nrows, percent);
+      GuardedBits filter(filter_rows, random.bits()), selection(selected_rows, random.bits());
+      for (const bool filtered : {false, true}) {
+        for (const uint8_t flags : {uint8_t{0}, uint8_t{KDZK_EX_SELECTIVE}}) {
+          SCOPED_TRACE(plain.describe() + (filtered ? ", filtered" : "") + ", selecting " + std::to_string(percent) +
+                       " %, flags " + std::to_string(flags));
+          now_running(plain.describe());
+          kdzk_vec input = plain.input;
+          input.filter = filtered ? filter.words() : nullptr;
+          kdzk_exec exec{};
+          exec.selection = selection.words();
+          exec.flags = flags;
+          exec.out_flags = 0x40;
+          GuardedBits bits(nrows);
+          // On the selective road the row count is the input's, on the other the result's.
+          kdzk_vec result{};
+          result.bitvec = bits.words();
+          const bool selective = flags != 0 && kernel.width != 1;
+          (selective ? result : input).nrows = 0xffffffff;
+          (selective ? input : result).nrows = nrows;
+          const uint64_t returned =
+              kernel.call(&result, &input, plain.low_constant.args(), plain.high_constant.args(), &exec);
+          auto want = both(plain.expected(), selected_rows);
+          if (filtered) want = both(want, filter_rows);
+          expect_result(want, bits, result, returned);
+          EXPECT_EQ(exec.out_flags, 0x40 | KDZK_OUT_SELECTION);
+        }
+      }
+    }
+    // Without a selection the flag changes nothing; result and input may be one record.
+    GuardedBits bits(nrows);
+    kdzk_vec vec = plain.input;
+    vec.bitvec = bits.words();
+    kdzk_exec exec{};
+    exec.flags = KDZK_EX_SELECTIVE;
+    const uint64_t returned = kernel.call(&vec, &vec, plain.low_constant.args(), plain.high_constant.args(), &exec);
+    expect_result(plain.expected(), bits, vec, returned);
+    EXPECT_EQ(exec.out_flags, 0);
+  }
+}
+
+TEST_P(Predicates, WorkOnRunsAndReportThem) {
+  const PredicateKernel& kernel = GetParam();
+  Random random(kernel.name());
+  const uint32_t nruns = 150;
+  const auto codes = random_codes(random, kernel, nruns, Fill::uniform);
+  Vector vector(kernel, codes, codes[3] / 2, codes[5]);
+  RecordingHost host;
+  host.result_cb_returns = 0x87654321;
+  const auto selected_rows = random.rows(nruns, 70);
+  GuardedBits selection(selected_rows, 0), run_bits(nruns), row_bits(10, 0x1111);
+  vector.enc.flags |= KDZK_RLE;
+  vector.enc.own_nrows = nruns;
+  vector.enc.own_bitvec = run_bits.words();
+  vector.enc.result_cb = RecordingHost::result_cb;
+  kdzk_vec result{};
+  result.bitvec = row_bits.words();
+  result.nrows = 10;
+  kdzk_exec exec{};
+  exec.env = &host.env;
+  exec.selection = selection.words();
+  EXPECT_EQ(vector.call(&result, &exec), 0x87654321u);
+  const auto want = both(vector.expected(), selected_rows);
+  const auto hits = static_cast<uint32_t>(std::count(want.begin(), want.end(), true));
+  EXPECT_EQ(run_bits.rows(), want);
+  EXPECT_EQ(row_bits.word(0), 0x1111u);
+  EXPECT_EQ(result.hits, hits);
+  ASSERT_EQ(host.reports.size(), 1u);
+  const auto& report = host.reports[0];
+  EXPECT_EQ(report.env, &host.env);
+  EXPECT_EQ(report.result, &result);
+  EXPECT_EQ(report.input, &vector.input);
+  EXPECT_EQ(report.hits_in_result, hits);
+  for (size_t i = 0; i < 16; i++) {
+    EXPECT_EQ(report.words[i], i == 1 ? reinterpret_cast<uint64_t>(run_bits.words()) : i == 3 ? hits : 0) << i;
+  }
+
+  // The selective road knows nothing of runs: the input's row count, the result's bit vector, no callback.
+  if (kernel.width == 1) return;
+  GuardedBits selective_bits(nruns);
+  result.bitvec = selective_bits.words();
+  exec.flags = KDZK_EX_SELECTIVE;
+  const GuardedBits untouched(run_bits.rows(), run_bits.word(2) >> 22);
+  const uint64_t returned = vector.call(&result, &exec);
+  expect_result(want, selective_bits, result, returned);
+  EXPECT_EQ(host.reports.size(), 1u);
+  EXPECT_EQ(run_bits.rows(), untouched.rows());
+}
+
+TEST_P(Predicates, DecompressABlockedColumnOnce) {
+  const PredicateKernel& kernel = GetParam();
+  Random random(kernel.name());
+  const uint32_t nrows = 203;
+  const auto codes = random_codes(random, kernel, nrows, Fill::uniform);
+  for (const uint8_t flags : {uint8_t{0}, uint8_t{KDZK_EX_SELECTIVE}}) {
+    for (const uint32_t failure : {0u, 10u}) {
+      SCOPED_TRACE(kernel.name() + ", flags " + std::to_string(flags) + ", decompress returns " +
+                   std::to_string(failure));
+      Vector vector(kernel, codes, codes[0], codes[1]);
+      RecordingHost host;
+      host.plain = stored(kernel, codes);
+      host.decompress_result = failure;
+      uint8_t block[1] = {};
+      void* slot = nullptr;
+      vector.enc.flags |= KDZK_BLOCKED;
+      vector.input.data = block;
+      vector.input.decomp_size = static_cast<uint32_t>(host.plain.size());
+      vector.input.decomp_slot = &slot;
+      vector.input.alloc_tag = 0x123456789abcdef0;
+      const auto selected_rows = random.rows(nrows, 100);
+      GuardedBits selection(selected_rows, 0);
+      kdzk_exec exec{};
+      exec.env = &host.env;
+      exec.selection = selection.words();
+      exec.flags = flags;
+      for (int call = 0; call < 2; call++) {  // the second finds the slot filled
+        GuardedBits bits(nrows);
+        kdzk_vec result{};
+        result.bitvec = bits.words();
+        result.nrows = nrows;
+        const uint64_t returned = vector.call(&result, &exec);
+        expect_result(vector.expected(), bits, result, returned);
+      }
+      ASSERT_EQ(host.allocs.size(), 1u);
+      const auto& alloc = host.allocs[0];
+      EXPECT_EQ(alloc.comment, kernel.name() + ": vec1_decomp");
+      EXPECT_EQ(alloc.hctx, host.env.hctx);
+      EXPECT_EQ(alloc.heap, host.env.heap);
+      EXPECT_EQ(alloc.size, host.plain.size());
+      EXPECT_EQ(alloc.unit, 8u);
+      EXPECT_EQ(alloc.alignment, 16u);
+      EXPECT_EQ(alloc.tag, vector.input.alloc_tag);
+      ASSERT_EQ(host.decompressions.size(), 1u);
+      const auto& decompression = host.decompressions[0];
+      EXPECT_EQ(decompression.src, block);
+      EXPECT_EQ(decompression.dst, slot);
+      EXPECT_EQ(decompression.written_before, 0u);
+      EXPECT_EQ(decompression.capacity, host.plain.size());
+      EXPECT_EQ(decompression.ctx.hctx, host.env.hctx);
+      EXPECT_EQ(decompression.ctx.heap, host.env.heap);
+      EXPECT_EQ(decompression.ctx.tmp_alloc, host.env.tmp_alloc);
+      EXPECT_EQ(decompression.ctx.tmp_free, host.env.tmp_free);
+      EXPECT_EQ(decompression.ctx.dest, slot);
+      ASSERT_EQ(host.errors.size(), failure != 0 ? 1u : 0u);
+      if (failure != 0) {
+        EXPECT_EQ(host.errors[0].hctx, host.env.hctx);
+        EXPECT_EQ(host.errors[0].word72, RecordingHost::word72);
+        EXPECT_EQ(host.errors[0].message, kernel.name() + ": kdzk_sqzb_decode failed");
+        EXPECT_EQ(host.errors[0].zero, 0u);
+      }
+    }
+  }
+}
+
+// With 0 rows neither column nor bit vector is touched, and the rest of the frame runs.
+TEST_P(Predicates, TouchNothingWithoutRows) {
+  const PredicateKernel& kernel = GetParam();
+  const Constant low(kernel, 0), high(kernel, kernel.top());
+  kdzk_enc_ctx enc{};
+  kdzk_vec input{};
+  input.enc_ctx = &enc;
+  uint64_t selection = 0;
+  for (const uint8_t flags : {uint8_t{0}, uint8_t{KDZK_EX_SELECTIVE}}) {
+    kdzk_exec exec{};
+    exec.selection = &selection;
+    exec.flags = flags;
+    kdzk_vec result{};
+    result.hits = 7;
+    EXPECT_EQ(kernel.call(&result, &input, low.args(), high.args(), &exec), KDZK_NO_ROW);
+    EXPECT_EQ(result.hits, 0u);
+    EXPECT_EQ(exec.out_flags, KDZK_OUT_SELECTION);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Predicates, testing::ValuesIn(predicate_kernels()),
+                         [](const auto& info) { return info.param.name(); });
+
+// What the 1-bit kernels answer is read off their constants as off a table, also where no dictionary has such a code.
+TEST(OneBitPredicates, FollowTheirTable) {
+  const std::vector<uint64_t> codes = {1, 0, 0, 1, 1, 0, 1, 1, 0, 1};
+  const uint64_t plain = 0b1011011001, inverted = ~plain, none = 0, all = 0x3ff;
+  struct Row {
+    int op;
+    uint64_t low, high, want;
+  };
+  const Row table[] = {
+      {0, 0, 0, inverted}, {0, 1, 0, plain}, {0, 2, 0, plain},    {5, 0, 0, plain},    {5, 1, 0, inverted},
+      {5, 2, 0, plain},    {1, 0, 0, none},  {1, 1, 0, inverted}, {1, 9, 0, inverted}, {2, 0, 0, plain},
+      {2, 1, 0, none},     {2, 5, 0, none},  {3, 0, 0, inverted}, {3, 1, 0, all},      {3, 2, 0, all},
+      {4, 0, 0, all},      {4, 1, 0, plain}, {4, 3, 0, plain},    {6, 0, 1, none},     {6, 0, 2, none},
+      {7, 0, 1, plain},    {7, 0, 2, none},  {7, 1, 1, none},     {8, 0, 1, inverted}, {8, 0, 2, none},
+      {8, 1, 2, none},     {9, 1, 1, plain}, {9, 0, 0, inverted}, {9, 0, 1, all},      {9, 1, 0, none},
+      {9, 0, 2, none},     {9, 2, 2, none},
+  };
+  for (const Row& row : table) {
+    const PredicateKernel kernel = {row.op, "dict", 1, ""};
+    const Vector vector(kernel, codes, row.low, row.high);
+    SCOPED_TRACE(vector.describe());
+    GuardedBits bits(codes.size());
+    kdzk_vec result{};
+    result.bitvec = bits.words();
+    result.nrows = 10;
+    const uint64_t returned = vector.call(&result, nullptr);
+    // A complement leaves the bits behind the last row set, all others leave them clear.
+    EXPECT_EQ(bits.word(0), row.want);
+    const auto hits = static_cast<uint32_t>(__builtin_popcountll(row.want & 0x3ff));
+    EXPECT_EQ(result.hits, hits);
+    EXPECT_EQ(returned, hits > 0 ? KDZK_DONE : KDZK_NO_ROW);
+    if (row.want == none || row.want == all) {  // the column isn't read
+      kdzk_vec unread = vector.input;
+      unread.data = nullptr;
+      kernel.call(&result, &unread, vector.low_constant.args(), vector.high_constant.args(), nullptr);
+      EXPECT_EQ(bits.word(0), row.want);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace kdzk_test

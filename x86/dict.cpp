@@ -29,6 +29,7 @@ namespace {
 // Where codes of W bits lie, and how a vector takes them up. Rows are counted from the start of a step.
 template <int W>
 struct Packed {
+  static constexpr uint32_t top = (1u << W) - 1;  // the highest code
   static constexpr int first_byte(int row) { return row * W / 8; }
   static constexpr int last_byte(int row) { return (row * W + W - 1) / 8; }
   static constexpr int shift(int row) { return 7 - (row * W + W - 1) % 8; }  // of the code in its lane
@@ -64,7 +65,7 @@ struct Packed {
 
   static constexpr LaneArray<lane_bits> mask(int vector) {
     LaneArray<lane_bits> mask{};
-    for (int lane = 0; lane < lanes; lane++) mask[lane] = ((1u << W) - 1) << shift(vector * lanes + lane);
+    for (int lane = 0; lane < lanes; lane++) mask[lane] = top << shift(vector * lanes + lane);
     return mask;
   }
 
@@ -74,12 +75,6 @@ struct Packed {
     for (int lane = 0; lane < lanes; lane++) scale[lane] = 1u << shift(vector * lanes + lane);
     return scale;
   }
-
-  static constexpr bool top_clear = [] {  // no code reaches the top bit of its lane
-    for (int row = 0; row < 8; row++)
-      if (W + shift(row) == lane_bits) return false;
-    return true;
-  }();
 
   // `code` shifted to where each lane of a vector has its own.
   template <int vector>
@@ -100,8 +95,8 @@ struct Packed {
   template <int vector>
   static __m128i codes(const uint8_t* in) {
     static constexpr auto pick = shuffle(vector), keep = mask(vector);
-    const __m128i bytes = load16(in + load_offset(vector));
-    return _mm_and_si128(_mm_shuffle_epi8(bytes, vector_of(pick)), vector_of(keep));
+    const __m128i bytes = _mm_shuffle_epi8(load16(in + load_offset(vector)), vector_of(pick));
+    return W % 8 == 0 ? bytes : _mm_and_si128(bytes, vector_of(keep));  // whole bytes have no neighbours among them
   }
 };
 
@@ -111,7 +106,6 @@ static_assert(Packed<3>::mask(0) == LaneArray<16>{0xe0, 0x1c, 0x380, 0x70, 0x0e,
 static_assert(Packed<3>::rows_per_load == 32 && Packed<2>::rows_per_load == 32 && Packed<7>::rows_per_load == 16);
 static_assert(Packed<12>::lane_bits == 16 && Packed<12>::rows_per_load == 8 && Packed<11>::lane_bits == 32);
 static_assert(Packed<19>::load_offset(3) == 28 && Packed<19>::shuffle(0) != Packed<19>::shuffle(1));
-static_assert(!Packed<2>::top_clear && !Packed<12>::top_clear && Packed<7>::top_clear && Packed<24>::top_clear);
 
 template <int W, Shape shape>
 struct PackedLanes {
@@ -119,10 +113,9 @@ struct PackedLanes {
   LaneTest<P::lane_bits, shape> half[P::halves];
   bool inversion;
 
-  explicit PackedLanes(const CodeSet<uint32_t>& set) : inversion(inverted<shape>(set)) {
-    half[0] = lane_test<P::lane_bits, shape>(set, [](uint32_t code) { return P::template scaled<0>(code); });
-    if constexpr (P::halves == 2)
-      half[1] = lane_test<P::lane_bits, shape>(set, [](uint32_t code) { return P::template scaled<1>(code); });
+  explicit PackedLanes(const CodeSet<uint32_t>& set) : inversion(inverted<shape>(set, P::top)) {
+    half[0] = lane_test<P::lane_bits, shape>(set, P::top, P::template scaled<0>);
+    if constexpr (P::halves == 2) half[1] = lane_test<P::lane_bits, shape>(set, P::top, P::template scaled<1>);
   }
 };
 
@@ -160,7 +153,6 @@ struct PackedColumn {
 template <int W>
 struct Design<Dict<W>> {
   static constexpr bool has_companion = true, has_filter = true;
-  static constexpr uint32_t top = (1u << W) - 1;
 
   // The codes that qualify, for single rows: the constants as they are.
   static CodeSet<uint32_t> codes(const Call& call) {
@@ -168,20 +160,19 @@ struct Design<Dict<W>> {
   }
 
   static uint32_t evaluate(const Call& call, const uint8_t* data, uint8_t* bits, uint32_t nrows) {
+    constexpr uint32_t top = Packed<W>::top;
     const uint32_t low = load<uint32_t>(call.low->data) & top, high = load<uint32_t>(call.high->data) & top;
     const auto set = qualifying(call.op, low, high, top);
-    const auto with = [&]<Shape shape>() {
+    const auto by = [&]<Shape shape>() {
       return evaluate_steps(PackedColumn<W>{data}, PackedLanes<W, shape>(set), codes(call), bits, nrows);
     };
-    constexpr bool top_clear = Packed<W>::top_clear;
-    switch (shape_of(call.op, top_clear)) {
+    switch (shape_of(call.op, true)) {
       case Shape::equal:
-        return with.template operator()<Shape::equal>();
-      case Shape::above:
-        if constexpr (top_clear) return with.template operator()<Shape::above>();
-        [[fallthrough]];
+        return by.template operator()<Shape::equal>();
+      case Shape::at_least:
+        return by.template operator()<Shape::at_least>();
       case Shape::range:
-        return with.template operator()<Shape::range>();
+        return by.template operator()<Shape::range>();
     }
     __builtin_unreachable();
   }

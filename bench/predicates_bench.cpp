@@ -96,7 +96,8 @@ void register_op(int width, const char* word, uint32_t op, uint32_t low, uint32_
 
 // At 1 bit the ceiling is a copy of the column.
 void register_one_bit(uint32_t nrows) {
-  for (const auto& [word, op] : {std::pair("eq", KDZK_OP_EQ), std::pair("ne", KDZK_OP_NE)}) {
+  for (const uint32_t op : {KDZK_OP_EQ, KDZK_OP_NE}) {
+    const std::string word = op == KDZK_OP_EQ ? "eq" : "ne";
     const auto make = [=] {
       auto call = std::make_shared<DictCall>(1, op, 1, 0, nrows);
       auto copy = std::make_shared<std::vector<uint64_t>>(call->bits.size());
@@ -108,7 +109,7 @@ void register_one_bit(uint32_t nrows) {
                                 },
                                 nullptr}};
     };
-    register_peers(std::string(word) + "_dict_1bit", size_name(nrows), nrows, nrows / 8, make, {"kdzk", "memcpy"});
+    register_peers(word + "_dict_1bit", size_name(nrows), nrows, nrows / 8, make, {"kdzk", "memcpy"});
   }
 }
 

@@ -94,7 +94,8 @@ struct Packed {
   // The codes of vector `vector` of the rows at `in`, each in its lane, shifted as its neighbours left it.
   template <int vector>
   static __m128i codes(const uint8_t* in) {
-    static constexpr auto pick = shuffle(vector), keep = mask(vector);
+    static constexpr auto pick = shuffle(vector);
+    static constexpr auto keep = mask(vector);
     const __m128i bytes = _mm_shuffle_epi8(load16(in + load_offset(vector)), vector_of(pick));
     return W % 8 == 0 ? bytes : _mm_and_si128(bytes, vector_of(keep));  // whole bytes have no neighbours among them
   }

@@ -177,7 +177,8 @@ inline Word gathered(const Tests& tests) {
   constexpr int vectors = lane_bits / 8;    // per piece
   return [&]<int... i>(std::integer_sequence<int, i...>) {
     return static_cast<Word>(
-        (... | (Word{static_cast<uint16_t>(_mm_movemask_epi8(narrowed<lane_bits, 8, i * vectors>(tests)))} << 16 * i)));
+        (... | (static_cast<Word>(static_cast<uint32_t>(_mm_movemask_epi8(narrowed<lane_bits, 8, i * vectors>(tests))))
+                << 16 * i)));
   }
   (std::make_integer_sequence<int, pieces>());
 }

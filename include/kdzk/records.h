@@ -81,6 +81,7 @@ extern "C" {
 
 typedef struct kdzk_vec kdzk_vec;
 typedef struct kdzk_enc_ctx kdzk_enc_ctx;
+typedef struct kdzk_run_position kdzk_run_position;
 typedef struct kdzk_exec kdzk_exec;
 typedef struct kdzk_env kdzk_env;
 typedef struct kdzk_sqzb_ctx kdzk_sqzb_ctx;
@@ -195,6 +196,12 @@ struct kdzk_enc_ctx {
   uint8_t float_kind;        /* In: 1 float, 2 double, 8 big-endian signed integer; any other value returns 10. */
 };
 
+/* Position in a run-length column, kept by the decode-unpack kernels. */
+struct kdzk_run_position {
+  uint32_t run_index; /* the current run */
+  uint32_t run_end;   /* first row behind that run */
+};
+
 /* One call's state. Not to be shared between threads. */
 struct kdzk_exec {
   const kdzk_env* env;       /* In: needed by every call that allocates, decompresses or runs result_cb. */
@@ -204,11 +211,8 @@ struct kdzk_exec {
   uint32_t part;             /* In/out: partition or bucket at which a resumable function stopped. */
   uint32_t row;              /* In/out: row at which a resumable function goes on; 0 in a first call. */
   union {
-    uint64_t key_off; /* In/out, partitioning: byte position in the key column. */
-    struct {
-      uint32_t run_index; /* In/out, decode-unpack of a run-length column: the current run. */
-      uint32_t run_end;   /* In/out: first row behind that run. */
-    } run;
+    uint64_t key_off;      /* In/out, partitioning: byte position in the key column. */
+    kdzk_run_position run; /* In/out, decode-unpack of a run-length column. */
   };
   uint64_t payload_off;   /* In/out, partitioning: byte position in the payload column. */
   uint32_t* ones_vec;     /* In: row numbers for decoding kernels. */

@@ -10,6 +10,9 @@
 
 namespace kdzk {
 
+// Each family has a form and a suffix, the parts of its kernels' names, and a place in the matrix: a family number, and
+// what is added to the row of its width.
+
 // Dictionary codes of W bits.
 template <int W>
 struct Dict {
@@ -17,7 +20,48 @@ struct Dict {
   static constexpr const char* form = "dict";
   static constexpr const char* suffix = "";
   static constexpr uint32_t family = KDZK_FAMILY_DICT;
-  static constexpr uint32_t variant = 0;  // added to the row
+  static constexpr uint32_t variant = 0;
+};
+
+// The same, with code 0 standing for null.
+template <int W>
+struct DictNull : Dict<W> {
+  static constexpr const char* suffix = "_null";
+  static constexpr uint32_t variant = KDZK_ROW_VARIANT;
+};
+
+// Big-endian values of W bits, or fewer whole bytes left-aligned in W bits.
+template <int W>
+struct Fixed {
+  static constexpr int width = W;
+  static constexpr const char* form = "fixed";
+  static constexpr const char* suffix = "";
+  static constexpr uint32_t family = KDZK_FAMILY_FIXED;
+  static constexpr uint32_t variant = 0;
+};
+
+// The same, each with a length code that takes part in the compare behind the value.
+template <int W>
+struct FixedTz : Fixed<W> {
+  static constexpr const char* suffix = "_tz";
+  static constexpr uint32_t variant = KDZK_ROW_VARIANT;
+};
+
+// Big-endian values of W bits without their trailing zero bytes, back to back, with a stream of length codes.
+template <int W>
+struct Dynp {
+  static constexpr int width = W;
+  static constexpr const char* form = "dynp";
+  static constexpr const char* suffix = "";
+  static constexpr uint32_t family = KDZK_FAMILY_DYNP;
+  static constexpr uint32_t variant = 0;
+};
+
+// The same, with the length code taking part in the compare.
+template <int W>
+struct DynpTz : Dynp<W> {
+  static constexpr const char* suffix = "_tz";
+  static constexpr uint32_t variant = KDZK_ROW_VARIANT;
 };
 
 // The predicate kernels of a family: `compare` for the one-sided operations, `between` for the two-sided ones.

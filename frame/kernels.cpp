@@ -37,7 +37,12 @@ constexpr void list_predicates(KernelTables& tables) {
 constexpr KernelTables list_kernels() {
   KernelTables tables{};
   for (const char*& name : tables.names) name = no_kernel;
-  list_predicates<Dict, 1, 2, 3, 4, 5, 6, 7, 9, 10, 11, 12, 13, 14, 15, 17, 18, 19, 20, 24>(tables);
+  list_predicates<Dict, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32, 64>(tables);
+  list_predicates<DictNull, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32, 64>(tables);
+  list_predicates<Fixed, 8, 16, 32, 64>(tables);
+  list_predicates<FixedTz, 8, 16, 32, 64>(tables);
+  list_predicates<Dynp, 16, 32, 64>(tables);
+  list_predicates<DynpTz, 16, 32, 64>(tables);
   return tables;
 }
 
@@ -50,7 +55,7 @@ constexpr int kernels_in(const KernelTables& tables) {
 }  // namespace
 
 constinit const KernelTables kernel_tables = list_kernels();
-static_assert(kernels_in(list_kernels()) == 190);
+static_assert(kernels_in(list_kernels()) == 600);
 static_assert(sizeof(KernelTables) == (KDZK_DISPATCH_SIZE + KDZK_KERNEL_IDS) * 8);
 
 }  // namespace kdzk

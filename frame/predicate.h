@@ -14,10 +14,11 @@
 //
 // A family says in Design<Family>:
 //   static constexpr bool has_companion, has_filter;
+//   static bool accepts(const Call&);    optional: false makes the kernel return 2 before anything else
 //   static uint32_t evaluate(const Call&, const uint8_t* data, uint8_t* bits, uint32_t nrows);
 //   static uint32_t evaluate_selected(const Call&, const uint8_t* data, uint8_t* bits, uint32_t nrows, selection);
 // both of which write (nrows + 63) / 64 words at `bits` and return the number of qualifying rows. Most families do that
-// with evaluate_steps and evaluate_rows below, and bring a column that knows how to read itself.
+// with evaluate_steps and evaluate_rows below, and bring a source that knows how to read the column.
 #ifndef FRAME_PREDICATE_H
 #define FRAME_PREDICATE_H
 
@@ -54,35 +55,38 @@ inline void clear_from(uint8_t* bits, uint64_t from, uint32_t nrows) {
   if (words_for(nrows) * 8 > from) std::memset(bits + from, 0, words_for(nrows) * 8 - from);
 }
 
-// All rows of a vector. A step gives `Column::words_per_step` words of the bit vector of type `Column::Word`, a bit per
-// row; the rows behind the last whole step, fewer than one step, are read as codes and tested one by one.
-//   column.begin_step()          called before each step
-//   column.next_word(lanes)      the bits of the next 8 * sizeof(Word) rows, and moves on to the rows behind them
-//   column.tail(row)             tells the column that the rows from this one on are read by `code`
-//   column.code(row)             the code of a row, asked for in ascending order
-template <class Column, class Lanes, class Code>
-inline uint32_t evaluate_steps(Column column, const Lanes& lanes, const CodeSet<Code>& codes, uint8_t* bits,
+// All rows of a vector. A step gives `words_per_step` words of the bit vector of type `Word`, a bit per row; the rows
+// behind the last whole step, fewer than one step, are read as codes and tested one by one. The source of codes walks
+// over the column:
+//   source.begin_step()   called before each step
+//   next_word(source)     the bits of the next 8 * sizeof(Word) rows
+//   source.next()         moves on to the rows behind them
+//   source.tail(row)      the rows from this one on are read by `code`
+//   source.code(row)      the code of a row, asked for in ascending order; codes.has(code) tells whether it qualifies
+template <class Source, class NextWord, class Codes>
+inline uint32_t evaluate_steps(Source source, const NextWord& next_word, const Codes& codes, uint8_t* bits,
                                uint32_t nrows) {
-  using Word = typename Column::Word;
-  constexpr uint32_t rows_per_step = Column::words_per_step * 8 * sizeof(Word);
+  using Word = typename Source::Word;
+  constexpr uint32_t rows_per_step = Source::words_per_step * 8 * sizeof(Word);
   uint32_t hits = 0;
   uint8_t* out = bits;
   for (uint32_t steps = nrows / rows_per_step; steps > 0; steps--) {
-    column.begin_step();
-    for (int i = 0; i < Column::words_per_step; i++, out += sizeof(Word)) {
-      const Word word = column.next_word(lanes);
+    source.begin_step();
+    for (int i = 0; i < Source::words_per_step; i++, out += sizeof(Word)) {
+      const Word word = next_word(source);
+      source.next();
       store(out, word);
       hits += bits_set(word);
     }
   }
   uint32_t row = nrows / rows_per_step * rows_per_step;
   clear_from(bits, row / 8, nrows);
-  column.tail(row);
+  source.tail(row);
   while (row < nrows) {
     const uint32_t word_end = (nrows - 1) / 64 == row / 64 ? nrows : (row / 64 + 1) * 64;
     uint8_t* const at = bits + row / 64 * uint64_t{8};
     uint64_t word = 0;
-    for (; row < word_end; row++) word |= uint64_t{codes.has(column.code(row))} << row % 64;
+    for (; row < word_end; row++) word |= uint64_t{codes.has(source.code(row))} << row % 64;
     hits += bits_set(word);
     store(at, load<uint64_t>(at) | word);
   }
@@ -91,18 +95,18 @@ inline uint32_t evaluate_steps(Column column, const Lanes& lanes, const CodeSet<
 
 // The rows of `selection` alone, one by one; all other bits are cleared. Bits of the selection past the last row are
 // not looked at.
-template <class Column, class Code>
-inline uint32_t evaluate_rows(Column column, const CodeSet<Code>& codes, uint8_t* bits, uint32_t nrows,
+template <class Source, class Codes>
+inline uint32_t evaluate_rows(Source source, const Codes& codes, uint8_t* bits, uint32_t nrows,
                               const uint64_t* selection) {
   uint32_t hits = 0;
-  column.tail(0);
+  source.tail(0);
   for (uint64_t i = 0; i < words_for(nrows); i++) {
     uint64_t selected = load<uint64_t>(selection + i);
     if (nrows - i * 64 < 64) selected &= ~(~uint64_t{0} << nrows % 64);
     uint64_t word = 0;
     for (; selected != 0; selected &= selected - 1) {
       const uint32_t bit = static_cast<uint32_t>(__builtin_ctzll(selected));
-      word |= uint64_t{codes.has(column.code(static_cast<uint32_t>(i * 64 + bit)))} << bit;
+      word |= uint64_t{codes.has(source.code(static_cast<uint32_t>(i * 64 + bit)))} << bit;
     }
     hits += bits_set(word);
     store(bits + i * 8, word);
@@ -124,6 +128,9 @@ uint64_t predicate(const PredicateKernel& kernel, kdzk_vec* result, const kdzk_v
   const kdzk_enc_ctx* const enc = input->enc_ctx;
   const uint64_t* const filter = D::has_filter ? input->filter : nullptr;
   const Call call = {kernel.op, input, low, high};
+  if constexpr (requires { D::accepts(call); }) {
+    if (!D::accepts(call)) return KDZK_UNSUPPORTED;
+  }
 
   if constexpr (D::has_companion) {
     if (exec != nullptr && exec->selection != nullptr && (exec->flags & KDZK_EX_SELECTIVE) != 0) {
@@ -163,12 +170,12 @@ uint64_t between(kdzk_vec* result, const kdzk_vec* input, const kdzk_kargs* low,
   template uint64_t compare<family, op>(kdzk_vec*, const kdzk_vec*, const kdzk_kargs*, kdzk_exec*);
 #define KDZK_BETWEEN(family, op) \
   template uint64_t between<family, op>(kdzk_vec*, const kdzk_vec*, const kdzk_kargs*, const kdzk_kargs*, kdzk_exec*);
-#define KDZK_PREDICATES(...)                                                                                   \
-  KDZK_COMPARE(__VA_ARGS__, Op::eq)                                                                            \
-  KDZK_COMPARE(__VA_ARGS__, Op::lt) KDZK_COMPARE(__VA_ARGS__, Op::gt) KDZK_COMPARE(__VA_ARGS__, Op::le)        \
-      KDZK_COMPARE(__VA_ARGS__, Op::ge) KDZK_COMPARE(__VA_ARGS__, Op::ne) KDZK_BETWEEN(__VA_ARGS__, Op::gt_lt) \
-          KDZK_BETWEEN(__VA_ARGS__, Op::gt_le) KDZK_BETWEEN(__VA_ARGS__, Op::ge_lt)                            \
-              KDZK_BETWEEN(__VA_ARGS__, Op::ge_le)
+#define KDZK_PREDICATES(...)                                                                                      \
+  KDZK_COMPARE(__VA_ARGS__, Op::eq)                                                                               \
+  KDZK_COMPARE(__VA_ARGS__, Op::lt)                                                                               \
+  KDZK_COMPARE(__VA_ARGS__, Op::gt) KDZK_COMPARE(__VA_ARGS__, Op::le) KDZK_COMPARE(__VA_ARGS__, Op::ge)           \
+      KDZK_COMPARE(__VA_ARGS__, Op::ne) KDZK_BETWEEN(__VA_ARGS__, Op::gt_lt) KDZK_BETWEEN(__VA_ARGS__, Op::gt_le) \
+          KDZK_BETWEEN(__VA_ARGS__, Op::ge_lt) KDZK_BETWEEN(__VA_ARGS__, Op::ge_le)
 
 }  // namespace kdzk
 

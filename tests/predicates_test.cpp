@@ -19,34 +19,35 @@ class Predicates : public testing::TestWithParam<PredicateKernel> {
 // One vector of a column with its constants, and what a call on it has to give.
 struct Vector {
   const PredicateKernel& kernel;
-  std::vector<uint64_t> codes;
-  uint64_t low, high;
-  GuardedBuffer column;
+  std::vector<Row> rows;
+  Row low, high;
+  GuardedBuffer data, lengths;
   Constant low_constant, high_constant;
   kdzk_enc_ctx enc{};
   kdzk_vec input{};
 
-  Vector(const PredicateKernel& k, std::vector<uint64_t> c, uint64_t lo, uint64_t hi, uint8_t slack_fill = 0xa5)
+  Vector(const PredicateKernel& k, std::vector<Row> r, Row lo, Row hi, uint8_t slack_fill = 0xa5)
       : kernel(k),
-        codes(std::move(c)),
+        rows(std::move(r)),
         low(lo),
         high(hi),
-        column(stored(k, codes), KDZK_PADDING, slack_fill),
+        data(stored_data(k, rows), KDZK_PADDING, slack_fill),
+        lengths(stored_lengths(k, rows), KDZK_PADDING, slack_fill),
         low_constant(k, lo),
         high_constant(k, hi) {
-    enc.flags = KDZK_PACKED_DICT;
-    enc.width = static_cast<uint8_t>(k.width);
-    input.data = column.data();
+    enc.width = static_cast<uint8_t>(k.value_bytes > 0 ? 8 * k.value_bytes : k.width);
+    input.data = data.data();
+    input.lengths = k.has_lengths() ? lengths.data() : nullptr;
     input.enc_ctx = &enc;
     input.nrows = nrows();
   }
 
-  uint32_t nrows() const { return static_cast<uint32_t>(codes.size()); }
+  uint32_t nrows() const { return static_cast<uint32_t>(rows.size()); }
 
   std::vector<bool> expected() const {
-    std::vector<bool> rows(codes.size());
-    for (size_t r = 0; r < codes.size(); r++) rows[r] = qualifies(kernel, codes[r], low, high);
-    return rows;
+    std::vector<bool> want(rows.size());
+    for (size_t r = 0; r < rows.size(); r++) want[r] = qualifies(kernel, rows[r], low, high);
+    return want;
   }
 
   uint64_t call(kdzk_vec* result, kdzk_exec* exec) const {
@@ -54,10 +55,12 @@ struct Vector {
   }
 
   std::string describe() const {
-    return kernel.name() + ", " + std::to_string(nrows()) + " rows, constants " + std::to_string(low) + ", " +
-           std::to_string(high);
+    const auto text = [](Row row) { return std::to_string(row.value) + ":" + std::to_string(row.length_code); };
+    return kernel.title() + ", " + std::to_string(nrows()) + " rows, constants " + text(low) + ", " + text(high);
   }
 };
+
+Row half(Row row) { return {row.value / 2, row.length_code}; }
 
 std::vector<bool> both(std::vector<bool> a, const std::vector<bool>& b) {
   for (size_t r = 0; r < a.size(); r++) a[r] = a[r] && b[r];
@@ -79,19 +82,20 @@ bool undefined_without_rows(const PredicateKernel& kernel) { return kernel.width
 
 TEST_P(Predicates, AgreeWithThePlainLoop) {
   const PredicateKernel& kernel = GetParam();
-  Random random(kernel.name());
+  Random random(kernel.title());
   const auto step = static_cast<uint32_t>(kernel.rows_per_step());
   for (uint32_t nrows : {0u, 1u, 7u, step - 1, step, step + 1, 63u, 64u, 65u, 2 * step + 31, 1000u}) {
     if (nrows == 0 && undefined_without_rows(kernel)) continue;
     for (Fill fill : fills) {
-      const auto codes = random_codes(random, kernel, nrows, fill);
-      const uint64_t hit = nrows > 0 ? codes[random.below(nrows)] : 0;
-      const uint64_t other = random.bits() & kernel.top();
-      const uint64_t next = std::min(hit + 1, kernel.top());
+      const auto rows = random_rows(random, kernel, nrows, fill);
+      const Row hit = nrows > 0 ? rows[random.below(nrows)] : Row{};
+      const Row other = kernel.random_row(random), lowest = kernel.fitting(0, 0), highest = kernel.fitting(~0ull, 255);
+      const Row next = kernel.fitting(std::min(hit.value + 1, kernel.top()), hit.length_code);
+      const Row longer = kernel.fitting(hit.value, static_cast<uint8_t>(hit.length_code + 1));
       for (const auto& [low, high] :
-           {std::pair(hit, other), std::pair(other, hit), std::pair(uint64_t{0}, kernel.top()),
-            std::pair(kernel.top(), uint64_t{0}), std::pair(hit, hit), std::pair(hit, next)}) {
-        const Vector vector(kernel, codes, low, high, static_cast<uint8_t>(random.bits()));
+           {std::pair(hit, other), std::pair(other, hit), std::pair(lowest, highest), std::pair(highest, lowest),
+            std::pair(hit, hit), std::pair(hit, next), std::pair(hit, longer)}) {
+        const Vector vector(kernel, rows, low, high, static_cast<uint8_t>(random.bits()));
         SCOPED_TRACE(vector.describe() + ", fill " + std::to_string(static_cast<int>(fill)) + ", seed " +
                      std::to_string(random.seed()));
         now_running(vector.describe());
@@ -110,10 +114,10 @@ TEST_P(Predicates, AgreeWithThePlainLoop) {
 
 TEST_P(Predicates, ApplyFilterAndSelectionOnBothRoads) {
   const PredicateKernel& kernel = GetParam();
-  Random random(kernel.name());
+  Random random(kernel.title());
   for (uint32_t nrows : {1u, 64u, 333u}) {
-    const auto codes = random_codes(random, kernel, nrows, Fill::runs);
-    const Vector plain(kernel, codes, codes[0] / 2, codes[nrows / 2]);
+    const auto rows = random_rows(random, kernel, nrows, Fill::runs);
+    const Vector plain(kernel, rows, half(rows[0]), rows[nrows / 2]);
     for (unsigned percent : {0u, 5u, 60u, 100u}) {
       const auto filter_rows = random.rows(nrows, 50), selected_rows = random.rows(nrows, percent);
       GuardedBits filter(filter_rows, random.bits()), selection(selected_rows, random.bits());
@@ -132,13 +136,13 @@ TEST_P(Predicates, ApplyFilterAndSelectionOnBothRoads) {
           // On the selective road the row count is the input's, on the other the result's.
           kdzk_vec result{};
           result.bitvec = bits.words();
-          const bool selective = flags != 0 && kernel.width != 1;
+          const bool selective = flags != 0 && kernel.has_companion();
           (selective ? result : input).nrows = 0xffffffff;
           (selective ? input : result).nrows = nrows;
           const uint64_t returned =
               kernel.call(&result, &input, plain.low_constant.args(), plain.high_constant.args(), &exec);
           auto want = both(plain.expected(), selected_rows);
-          if (filtered) want = both(want, filter_rows);
+          if (filtered && kernel.reads_filter()) want = both(want, filter_rows);
           expect_result(want, bits, result, returned);
           EXPECT_EQ(exec.out_flags, 0x40 | KDZK_OUT_SELECTION);
         }
@@ -158,10 +162,10 @@ TEST_P(Predicates, ApplyFilterAndSelectionOnBothRoads) {
 
 TEST_P(Predicates, WorkOnRunsAndReportThem) {
   const PredicateKernel& kernel = GetParam();
-  Random random(kernel.name());
+  Random random(kernel.title());
   const uint32_t nruns = 150;
-  const auto codes = random_codes(random, kernel, nruns, Fill::uniform);
-  Vector vector(kernel, codes, codes[3] / 2, codes[5]);
+  const auto rows = random_rows(random, kernel, nruns, Fill::uniform);
+  Vector vector(kernel, rows, half(rows[3]), rows[5]);
   RecordingHost host;
   host.result_cb_returns = 0x87654321;
   const auto selected_rows = random.rows(nruns, 70);
@@ -193,7 +197,7 @@ TEST_P(Predicates, WorkOnRunsAndReportThem) {
   }
 
   // The selective road knows nothing of runs: the input's row count, the result's bit vector, no callback.
-  if (kernel.width == 1) return;
+  if (!kernel.has_companion()) return;
   GuardedBits selective_bits(nruns);
   result.bitvec = selective_bits.words();
   exec.flags = KDZK_EX_SELECTIVE;
@@ -206,16 +210,16 @@ TEST_P(Predicates, WorkOnRunsAndReportThem) {
 
 TEST_P(Predicates, DecompressABlockedColumnOnce) {
   const PredicateKernel& kernel = GetParam();
-  Random random(kernel.name());
+  Random random(kernel.title());
   const uint32_t nrows = 203;
-  const auto codes = random_codes(random, kernel, nrows, Fill::uniform);
+  const auto rows = random_rows(random, kernel, nrows, Fill::uniform);
   for (const uint8_t flags : {uint8_t{0}, uint8_t{KDZK_EX_SELECTIVE}}) {
     for (const uint32_t failure : {0u, 10u}) {
-      SCOPED_TRACE(kernel.name() + ", flags " + std::to_string(flags) + ", decompress returns " +
+      SCOPED_TRACE(kernel.title() + ", flags " + std::to_string(flags) + ", decompress returns " +
                    std::to_string(failure));
-      Vector vector(kernel, codes, codes[0], codes[1]);
+      Vector vector(kernel, rows, rows[0], rows[1]);
       RecordingHost host;
-      host.plain = stored(kernel, codes);
+      host.plain = stored_data(kernel, rows);
       host.decompress_result = failure;
       uint8_t block[1] = {};
       void* slot = nullptr;
@@ -272,7 +276,7 @@ TEST_P(Predicates, DecompressABlockedColumnOnce) {
 // With 0 rows neither column nor bit vector is touched, and the rest of the frame runs.
 TEST_P(Predicates, TouchNothingWithoutRows) {
   const PredicateKernel& kernel = GetParam();
-  const Constant low(kernel, 0), high(kernel, kernel.top());
+  const Constant low(kernel, {}), high(kernel, kernel.fitting(~0ull, 255));
   kdzk_enc_ctx enc{};
   kdzk_vec input{};
   input.enc_ctx = &enc;
@@ -290,45 +294,158 @@ TEST_P(Predicates, TouchNothingWithoutRows) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Predicates, testing::ValuesIn(predicate_kernels()),
-                         [](const auto& info) { return info.param.name(); });
+                         [](const auto& info) { return info.param.title(); });
 
 // What the 1-bit kernels answer is read off their constants as off a table, also where no dictionary has such a code.
 TEST(OneBitPredicates, FollowTheirTable) {
-  const std::vector<uint64_t> codes = {1, 0, 0, 1, 1, 0, 1, 1, 0, 1};
+  const std::vector<Row> rows = {{1}, {0}, {0}, {1}, {1}, {0}, {1}, {1}, {0}, {1}};
   const uint64_t plain = 0b1011011001, inverted = ~plain, none = 0, all = 0x3ff;
-  struct Row {
+  struct Line {
+    const char* suffix;
     int op;
     uint64_t low, high, want;
   };
-  const Row table[] = {
-      {0, 0, 0, inverted}, {0, 1, 0, plain}, {0, 2, 0, plain},    {5, 0, 0, plain},    {5, 1, 0, inverted},
-      {5, 2, 0, plain},    {1, 0, 0, none},  {1, 1, 0, inverted}, {1, 9, 0, inverted}, {2, 0, 0, plain},
-      {2, 1, 0, none},     {2, 5, 0, none},  {3, 0, 0, inverted}, {3, 1, 0, all},      {3, 2, 0, all},
-      {4, 0, 0, all},      {4, 1, 0, plain}, {4, 3, 0, plain},    {6, 0, 1, none},     {6, 0, 2, none},
-      {7, 0, 1, plain},    {7, 0, 2, none},  {7, 1, 1, none},     {8, 0, 1, inverted}, {8, 0, 2, none},
-      {8, 1, 2, none},     {9, 1, 1, plain}, {9, 0, 0, inverted}, {9, 0, 1, all},      {9, 1, 0, none},
-      {9, 0, 2, none},     {9, 2, 2, none},
+  const Line table[] = {
+      {"", 0, 0, 0, inverted},   {"", 0, 1, 0, plain},      {"", 0, 2, 0, plain},      {"", 5, 0, 0, plain},
+      {"", 5, 1, 0, inverted},   {"", 5, 2, 0, plain},      {"", 1, 0, 0, none},       {"", 1, 1, 0, inverted},
+      {"", 1, 9, 0, inverted},   {"", 2, 0, 0, plain},      {"", 2, 1, 0, none},       {"", 2, 5, 0, none},
+      {"", 3, 0, 0, inverted},   {"", 3, 1, 0, all},        {"", 3, 2, 0, all},        {"", 4, 0, 0, all},
+      {"", 4, 1, 0, plain},      {"", 4, 3, 0, plain},      {"", 6, 0, 1, none},       {"", 6, 0, 2, none},
+      {"", 7, 0, 1, plain},      {"", 7, 0, 2, none},       {"", 7, 1, 1, none},       {"", 8, 0, 1, inverted},
+      {"", 8, 0, 2, none},       {"", 8, 1, 2, none},       {"", 9, 1, 1, plain},      {"", 9, 0, 0, inverted},
+      {"", 9, 0, 1, all},        {"", 9, 1, 0, none},       {"", 9, 0, 2, none},       {"", 9, 2, 2, none},
+      {"_null", 0, 0, 0, none},  {"_null", 0, 1, 0, plain}, {"_null", 0, 2, 0, plain}, {"_null", 3, 0, 0, none},
+      {"_null", 3, 1, 0, plain}, {"_null", 3, 2, 0, plain}, {"_null", 5, 0, 0, plain}, {"_null", 5, 1, 0, none},
+      {"_null", 5, 2, 0, none},  {"_null", 2, 0, 0, plain}, {"_null", 2, 1, 0, none},  {"_null", 4, 0, 0, plain},
+      {"_null", 4, 7, 0, plain}, {"_null", 1, 2, 0, none},  {"_null", 6, 0, 2, none},  {"_null", 8, 0, 2, none},
+      {"_null", 7, 0, 1, plain}, {"_null", 7, 0, 2, none},  {"_null", 9, 0, 1, plain}, {"_null", 9, 1, 1, plain},
+      {"_null", 9, 2, 1, none},  {"_null", 9, 0, 0, none},
   };
-  for (const Row& row : table) {
-    const PredicateKernel kernel = {row.op, "dict", 1, ""};
-    const Vector vector(kernel, codes, row.low, row.high);
+  for (const Line& line : table) {
+    const PredicateKernel kernel = {line.op, "dict", 1, line.suffix};
+    const Vector vector(kernel, rows, {line.low}, {line.high});
     SCOPED_TRACE(vector.describe());
-    GuardedBits bits(codes.size());
+    GuardedBits bits(rows.size());
     kdzk_vec result{};
     result.bitvec = bits.words();
     result.nrows = 10;
     const uint64_t returned = vector.call(&result, nullptr);
     // A complement leaves the bits behind the last row set, all others leave them clear.
-    EXPECT_EQ(bits.word(0), row.want);
-    const auto hits = static_cast<uint32_t>(__builtin_popcountll(row.want & 0x3ff));
+    EXPECT_EQ(bits.word(0), line.want);
+    const auto hits = static_cast<uint32_t>(__builtin_popcountll(line.want & 0x3ff));
     EXPECT_EQ(result.hits, hits);
     EXPECT_EQ(returned, hits > 0 ? KDZK_DONE : KDZK_NO_ROW);
-    if (row.want == none || row.want == all) {  // the column isn't read
+    if (line.want == none || line.want == all) {  // the column isn't read
       kdzk_vec unread = vector.input;
       unread.data = nullptr;
       kernel.call(&result, &unread, vector.low_constant.args(), vector.high_constant.args(), nullptr);
-      EXPECT_EQ(bits.word(0), row.want);
+      EXPECT_EQ(bits.word(0), line.want);
     }
+  }
+}
+
+// 8-bit codes with a constant above 255: whole steps see its low byte, single rows all of it.
+TEST(EightBitPredicates, CutALargeConstantInWholeSteps) {
+  for (const char* suffix : {"", "_null"}) {
+    for (int op = 0; op < 10; op++) {
+      const PredicateKernel kernel = {op, "dict", 8, suffix};
+      std::vector<Row> rows(2 * 128 + 100);
+      for (size_t r = 0; r < rows.size(); r++) rows[r] = {r % 256};
+      const Vector vector(kernel, rows, {256 + 60}, {512 + 90});
+      SCOPED_TRACE(vector.describe());
+      std::vector<bool> want(rows.size());
+      for (size_t r = 0; r < rows.size(); r++) {
+        const bool whole = r < 256;
+        want[r] = qualifies(kernel, rows[r], {whole ? 60u : 256 + 60u}, {whole ? 90u : 512 + 90u});
+      }
+      GuardedBits bits(rows.size());
+      kdzk_vec result{};
+      result.bitvec = bits.words();
+      result.nrows = vector.nrows();
+      const uint64_t returned = vector.call(&result, nullptr);
+      expect_result(want, bits, result, returned);
+      GuardedBits selection(std::vector<bool>(rows.size(), true), 0);
+      kdzk_exec exec{};
+      exec.selection = selection.words();
+      exec.flags = KDZK_EX_SELECTIVE;
+      const uint64_t selective = vector.call(&result, &exec);
+      expect_result(vector.expected(), bits, result, selective);
+    }
+  }
+}
+
+// `fixed` values in fewer bytes than their lane, and a constant with more: in whole steps `eq` finds no row, all else
+// sees the constant's first bytes.
+TEST(FixedPredicates, CutALongConstant) {
+  for (const PredicateKernel& kernel : predicate_kernels()) {
+    if (kernel.form != "fixed" || kernel.value_bytes * 8 == kernel.width) continue;
+    Random random(kernel.title());
+    const auto step = static_cast<size_t>(kernel.rows_per_step());
+    const auto rows = random_rows(random, kernel, static_cast<uint32_t>(step + step / 2), Fill::runs);
+    const Row cut = rows[1], long_constant = {cut.value | 1, cut.length_code};
+    const Vector vector(kernel, rows, long_constant, long_constant);
+    SCOPED_TRACE(vector.describe());
+    std::vector<bool> want(rows.size());
+    for (size_t r = 0; r < rows.size(); r++) {
+      const bool sees_all = r < step && (kernel.op == 0 || kernel.op == 5);
+      want[r] = sees_all ? kernel.op == 5 : qualifies(kernel, rows[r], cut, cut);
+    }
+    GuardedBits bits(rows.size());
+    kdzk_vec result{};
+    result.bitvec = bits.words();
+    result.nrows = vector.nrows();
+    const uint64_t returned = vector.call(&result, nullptr);
+    expect_result(want, bits, result, returned);
+  }
+}
+
+// A constant's length code may be one above those of the rows. `dynp` kernels refuse a higher one before they do
+// anything.
+TEST(TzPredicates, TakeLengthCodesUpToTheirLimit) {
+  for (const PredicateKernel& kernel : predicate_kernels()) {
+    if (!kernel.compares_lengths()) continue;
+    Random random(kernel.title());
+    const auto rows = random_rows(random, kernel, 200, Fill::one_value);
+    const uint8_t limit = static_cast<uint8_t>(kernel.width / 8);
+    const Vector vector(kernel, rows, {rows[0].value, limit}, {rows[0].value, limit});
+    SCOPED_TRACE(vector.describe());
+    GuardedBits bits(rows.size());
+    kdzk_vec result{};
+    result.bitvec = bits.words();
+    result.nrows = vector.nrows();
+    const uint64_t returned = vector.call(&result, nullptr);
+    expect_result(vector.expected(), bits, result, returned);
+    if (kernel.form != "dynp") continue;
+
+    RecordingHost host;
+    for (const bool high_too_large : {false, true}) {
+      if (high_too_large && !kernel.two_sided()) continue;
+      const uint8_t above = static_cast<uint8_t>(limit + 1), low_code = high_too_large ? 0 : above;
+      for (const uint32_t nrows : {0u, 200u}) {
+        Vector refused(kernel, rows, {rows[0].value, low_code}, {rows[0].value, high_too_large ? above : uint8_t{0}});
+        GuardedBits selection(std::vector<bool>(200, true), 0), untouched(200, 0x5555);
+        void* slot = nullptr;
+        refused.enc.flags = KDZK_BLOCKED | KDZK_RLE;
+        refused.enc.own_nrows = nrows;
+        refused.enc.own_bitvec = untouched.words();
+        refused.enc.result_cb = RecordingHost::result_cb;
+        refused.input.decomp_slot = &slot;
+        kdzk_exec exec{};
+        exec.env = &host.env;
+        exec.selection = selection.words();
+        exec.flags = KDZK_EX_SELECTIVE;
+        result = {};
+        result.bitvec = untouched.words();
+        result.nrows = nrows;
+        result.hits = 77;
+        EXPECT_EQ(refused.call(&result, &exec), KDZK_UNSUPPORTED);
+        EXPECT_EQ(result.hits, 77u);
+        EXPECT_EQ(exec.out_flags, 0);
+        EXPECT_EQ(slot, nullptr);
+        EXPECT_EQ(untouched.word(0), 0x5555u);
+      }
+    }
+    EXPECT_TRUE(host.allocs.empty() && host.reports.empty() && host.decompressions.empty());
   }
 }
 

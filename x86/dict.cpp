@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Packed dictionary predicates: codes of 2 to 7, 9 to 15, 17 to 20 and 24 bits.
+// Packed dictionary predicates: codes of 2 to 7, 9 to 15, 17 to 20 and 24 bits, plain and null-aware.
 //
 // Codes are never shifted down. One shuffle brings the bytes of each code into a lane of its own, last byte lowest; one
 // AND clears the neighbours' bits; the compare is against constants that were shifted before the loop to where each
@@ -20,8 +20,7 @@
 // Invariants. A step is a whole number of 8-row groups and so of bytes; all its rows are real, so an inverted word has
 // no bits to clear. Its last load ends at most 8 bytes behind it.
 
-#include "frame/predicate.h"
-#include "x86/kdzkc_x86.h"
+#include "x86/lanes.h"
 
 namespace kdzk {
 namespace {
@@ -93,7 +92,7 @@ struct Packed {
 
   // The codes of vector `vector` of the rows at `in`, each in its lane, shifted as its neighbours left it.
   template <int vector>
-  static __m128i codes(const uint8_t* in) {
+  static __m128i codes_at(const uint8_t* in) {
     static constexpr auto pick = shuffle(vector);
     static constexpr auto keep = mask(vector);
     const __m128i bytes = _mm_shuffle_epi8(load16(in + load_offset(vector)), vector_of(pick));
@@ -108,25 +107,17 @@ static_assert(Packed<3>::rows_per_load == 32 && Packed<2>::rows_per_load == 32 &
 static_assert(Packed<12>::lane_bits == 16 && Packed<12>::rows_per_load == 8 && Packed<11>::lane_bits == 32);
 static_assert(Packed<19>::load_offset(3) == 28 && Packed<19>::shuffle(0) != Packed<19>::shuffle(1));
 
-template <int W, Shape shape>
-struct PackedLanes {
-  using P = Packed<W>;
-  LaneTest<P::lane_bits, shape> half[P::halves];
-  bool inversion;
-
-  explicit PackedLanes(const CodeSet<uint32_t>& set) : inversion(inverted<shape>(set, P::top)) {
-    half[0] = lane_test<P::lane_bits, shape>(set, P::top, P::template scaled<0>);
-    if constexpr (P::halves == 2) half[1] = lane_test<P::lane_bits, shape>(set, P::top, P::template scaled<1>);
-  }
-};
-
 // A packed column, read from `in` on.
 template <int W>
-struct PackedColumn {
+struct PackedSource {
   using P = Packed<W>;
+  using Code = uint32_t;
   using Word = std::conditional_t<P::lane_bits == 32, uint32_t, uint64_t>;
-  static constexpr int words_per_step = P::lane_bits == 8 ? 2 : 1;
-  static constexpr int bytes_per_word = W * sizeof(Word);
+  static constexpr uint32_t top = P::top;
+  static constexpr int lane_bits = P::lane_bits;
+  static constexpr int words_per_step = lane_bits == 8 ? 2 : 1;
+  static constexpr int halves = P::halves;
+  static constexpr bool has_at_least = true;
 
   const uint8_t* in;
   const uint8_t* stream = in;
@@ -141,53 +132,52 @@ struct PackedColumn {
     _mm_prefetch(reinterpret_cast<const char*>(in + 704), hint);
   }
 
-  template <Shape shape>
-  Word next_word(const PackedLanes<W, shape>& lanes) {
-    const Word word = gathered<P::lane_bits, Word>([&]<int vector>() {  // lane masks of vector `vector` of the word
-      return lanes.half[vector % P::halves](P::template codes<vector>(in));
-    });
-    in += bytes_per_word;
-    return word ^ (lanes.inversion ? static_cast<Word>(~Word{0}) : Word{0});
+  template <int vector, bool>
+  __m128i codes() const {
+    return P::template codes_at<vector>(in);
+  }
+  void next() { in += W * sizeof(Word); }
+
+  template <int half, bool>
+  static __m128i scaled(uint32_t code) {
+    return P::template scaled<half>(code);
   }
 
   void tail(uint32_t) const {}
   uint32_t code(uint32_t row) const { return packed_code<W>(stream, row); }
 };
 
-}  // namespace
-
-template <int W>
-struct Design<Dict<W>> {
+template <int W, bool nulls>
+struct PackedDesign {
   static constexpr bool has_companion = true, has_filter = true;
 
   // The codes that qualify, for single rows: the constants as they are.
-  static CodeSet<uint32_t> codes(const Call& call) {
-    return qualifying(call.op, load<uint32_t>(call.low->data), load<uint32_t>(call.high->data), ~0u);
+  static auto codes(const Call& call) {
+    const auto set = qualifying(call.op, load<uint32_t>(call.low->data), load<uint32_t>(call.high->data), ~0u);
+    if constexpr (nulls) return NonNullCodes<uint32_t>{set};
+    if constexpr (!nulls) return set;
   }
 
   static uint32_t evaluate(const Call& call, const uint8_t* data, uint8_t* bits, uint32_t nrows) {
     constexpr uint32_t top = Packed<W>::top;
     const uint32_t low = load<uint32_t>(call.low->data) & top, high = load<uint32_t>(call.high->data) & top;
     const auto set = qualifying(call.op, low, high, top);
-    const auto by = [&]<Shape shape>() {
-      return evaluate_steps(PackedColumn<W>{data}, PackedLanes<W, shape>(set), codes(call), bits, nrows);
-    };
-    switch (shape_of(call.op, true)) {
-      case Shape::equal:
-        return by.template operator()<Shape::equal>();
-      case Shape::at_least:
-        return by.template operator()<Shape::at_least>();
-      case Shape::range:
-        return by.template operator()<Shape::range>();
-    }
-    __builtin_unreachable();
+    return evaluate_in_lanes<nulls>(PackedSource<W>{data}, call.op, set, codes(call), bits, nrows);
   }
 
   static uint32_t evaluate_selected(const Call& call, const uint8_t* data, uint8_t* bits, uint32_t nrows,
                                     const uint64_t* selection) {
-    return evaluate_rows(PackedColumn<W>{data}, codes(call), bits, nrows, selection);
+    return evaluate_rows(PackedSource<W>{data}, codes(call), bits, nrows, selection);
   }
 };
+
+}  // namespace
+
+template <int W>
+struct Design<Dict<W>> : PackedDesign<W, false> {};
+
+template <int W>
+struct Design<DictNull<W>> : PackedDesign<W, true> {};
 
 KDZK_PREDICATES(Dict<2>)
 KDZK_PREDICATES(Dict<3>)
@@ -207,5 +197,24 @@ KDZK_PREDICATES(Dict<18>)
 KDZK_PREDICATES(Dict<19>)
 KDZK_PREDICATES(Dict<20>)
 KDZK_PREDICATES(Dict<24>)
+
+KDZK_PREDICATES(DictNull<2>)
+KDZK_PREDICATES(DictNull<3>)
+KDZK_PREDICATES(DictNull<4>)
+KDZK_PREDICATES(DictNull<5>)
+KDZK_PREDICATES(DictNull<6>)
+KDZK_PREDICATES(DictNull<7>)
+KDZK_PREDICATES(DictNull<9>)
+KDZK_PREDICATES(DictNull<10>)
+KDZK_PREDICATES(DictNull<11>)
+KDZK_PREDICATES(DictNull<12>)
+KDZK_PREDICATES(DictNull<13>)
+KDZK_PREDICATES(DictNull<14>)
+KDZK_PREDICATES(DictNull<15>)
+KDZK_PREDICATES(DictNull<17>)
+KDZK_PREDICATES(DictNull<18>)
+KDZK_PREDICATES(DictNull<19>)
+KDZK_PREDICATES(DictNull<20>)
+KDZK_PREDICATES(DictNull<24>)
 
 }  // namespace kdzk

@@ -134,6 +134,43 @@ struct Design<Dict<1>> {
   }
 };
 
+// Null-aware, only code 1 can qualify: the column's bits are the answer, or there is none. The filter is not looked at:
+// a host that has one ANDs it in by itself.
+template <>
+struct Design<DictNull<1>> {
+  static constexpr bool has_companion = false, has_filter = false;
+
+  static constexpr Answer answer_of(Op op, uint32_t low, uint32_t high) {
+    const uint32_t k = low;
+    const auto plain_if = [](bool condition) { return condition ? Answer::plain : Answer::none; };
+    switch (op) {
+      case Op::eq:
+      case Op::le:
+        return plain_if(k != 0);
+      case Op::ne:
+      case Op::gt:
+        return plain_if(k == 0);
+      case Op::ge:
+        return Answer::plain;
+      case Op::lt:
+      case Op::gt_lt:
+      case Op::ge_lt:
+        return Answer::none;
+      case Op::gt_le:
+        return plain_if(low == 0 && high == 1);
+      case Op::ge_le:
+        return plain_if(low <= 1 && high == 1);
+    }
+    __builtin_unreachable();
+  }
+
+  static uint32_t evaluate(const Call& call, const uint8_t* data, uint8_t* bits, uint32_t nrows) {
+    const uint32_t low = load<uint32_t>(call.low->data), high = load<uint32_t>(call.high->data);
+    return give(answer_of(call.op, low, high), data, bits, nrows);
+  }
+};
+
 KDZK_PREDICATES(Dict<1>)
+KDZK_PREDICATES(DictNull<1>)
 
 }  // namespace kdzk

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The instruction-level vocabulary of the kernel families: vectors with contents computed at compile time, compares of
-// lanes with a set of codes, the gathering of lane masks to bits, and the scalar fetch of a packed code.
+// The instruction-level vocabulary of the kernel families: loads, vectors with contents computed at compile time, lane
+// arithmetic by width, the narrowing of lanes, and the scalar fetch of a packed code.
 //
 // Lanes are 8, 16, 32 or 64 bits wide; a vector has 128 / lane_bits of them, lane 0 lowest.
 #ifndef X86_KDZKC_X86_H
@@ -89,98 +89,21 @@ inline __m128i greater(__m128i a, __m128i b) {
   if constexpr (lane_bits == 64) return _mm_cmpgt_epi64(a, b);
 }
 
-// ---- Compare of lanes with a set of codes ----
+// ---- Narrowing ----
 
-// How a set of codes is tested in lanes.
-//   equal     one code.
-//   at_least  all codes from one up. In lanes of 8 and 16 bits the rounded average (v + ~bound + 1) / 2 has its top bit
-//             set exactly if v >= bound, an unsigned compare in one instruction. In lanes of 32 bits it is the signed
-//             compare, and no code may reach the top bit.
-//   range     an interval, in lanes of any kind: adding the offset brings the interval's first code to the lowest
-//   signed
-//             number and wraps the codes below it round to the top, so that one signed compare sees both ends.
-enum class Shape { equal, at_least, range };
-
-// The test of one vector's lanes, with its constants.
-template <int lane_bits, Shape shape>
-struct LaneTest {
-  __m128i bound;
-  __m128i offset;
-
-  // A vector whose lanes have their top bits set where the test holds. In lanes of 64 bits all other bits are the same.
-  __m128i operator()(__m128i codes) const {
-    if constexpr (shape == Shape::equal) return equal<lane_bits>(codes, bound);
-    if constexpr (shape == Shape::range) return greater<lane_bits>(add<lane_bits>(codes, offset), bound);
-    if constexpr (shape == Shape::at_least && lane_bits == 8) return _mm_avg_epu8(codes, bound);
-    if constexpr (shape == Shape::at_least && lane_bits == 16) return _mm_avg_epu16(codes, bound);
-    if constexpr (shape == Shape::at_least && lane_bits == 32) return _mm_cmpgt_epi32(codes, bound);
-  }
-};
-
-// The shape that serves an operation best.
-constexpr Shape shape_of(Op op, bool has_at_least) {
-  if (op == Op::eq || op == Op::ne) return Shape::equal;
-  return has_at_least && !two_sided(op) ? Shape::at_least : Shape::range;
-}
-
-// Whether Shape::at_least tests for the codes above the set's last, rather than for those from its first up.
-template <class Code>
-constexpr bool tests_above(const CodeSet<Code>& set, Code top) {
-  return set.first == 0 && set.span != top;
-}
-
-// The test of a set of codes from 0 to `top`. `scaled(code)` gives a vector with the code brought to where each lane
-// has its own. Shape::at_least needs a set that begins at 0 or ends at the top.
-template <int lane_bits, Shape shape, class Code, class Scaled>
-inline LaneTest<lane_bits, shape> lane_test(const CodeSet<Code>& set, Code top, const Scaled& scaled) {
-  const __m128i none = _mm_setzero_si128(), all_ones = in_all_lanes<lane_bits>(~uint64_t{0});
-  if constexpr (shape == Shape::equal) return {scaled(set.first), none};
-  if constexpr (shape == Shape::at_least) {
-    // One above the scaled code is below any code that follows it.
-    const __m128i bound = tests_above(set, top) ? sub<lane_bits>(scaled(set.span), all_ones) : scaled(set.first);
-    return {lane_bits == 32 ? add<lane_bits>(bound, all_ones) : _mm_xor_si128(bound, all_ones), none};
-  }
-  if constexpr (shape == Shape::range) {
-    const __m128i lowest = in_all_lanes<lane_bits>(sign_bit<lane_bits>);
-    return {add<lane_bits>(scaled(set.span), lowest), sub<lane_bits>(lowest, scaled(set.first))};
-  }
-}
-
-// Whether the gathered bits of lane_test have to be inverted to give the rows of the set.
-template <Shape shape, class Code>
-constexpr bool inverted(const CodeSet<Code>& set, Code top) {
-  const bool tests_inside = shape == Shape::equal || (shape == Shape::at_least && !tests_above(set, top));
-  return tests_inside != set.inside;
-}
-
-// ---- Gathering ----
-
-// One vector of `to`-bit lanes with the top bits of the `from`-bit lanes that `tests` yields, beginning with its vector
-// `first`. Saturation keeps the top bit of a lane.
-template <int from, int to, int first, class Tests>
-inline __m128i narrowed(const Tests& tests) {
+// One vector of `to`-bit lanes with the top bits of the `from`-bit lanes that `lanes` yields, beginning with its vector
+// `first`: `lanes.operator()<i>()` gives vector i. Saturation keeps the top bit of a lane, and keeps a lane from
+// getting zero that wasn't.
+template <int from, int to, int first, class Lanes>
+inline __m128i narrowed(const Lanes& lanes) {
   if constexpr (from == to) {
-    return tests.template operator()<first>();
+    return lanes.template operator()<first>();
   } else {
-    const __m128i left = narrowed<from, 2 * to, first>(tests);
-    const __m128i right = narrowed<from, 2 * to, first + from / (2 * to)>(tests);
-    // A lane of 64 equal bits is two of 32, and saturates like these to two of 16.
+    const __m128i left = narrowed<from, 2 * to, first>(lanes);
+    const __m128i right = narrowed<from, 2 * to, first + from / (2 * to)>(lanes);
+    // Taken for two of 32 bits, a lane of 64 equal bits comes out as two of 16, and one that isn't zero stays so.
     return to == 8 ? _mm_packs_epi16(left, right) : _mm_packs_epi32(left, right);
   }
-}
-
-// The top bits of the lanes of vectors 0, 1, ... in row order, row 0 lowest: `tests.operator()<i>()` gives vector i. As
-// many rows as Word has bits.
-template <int lane_bits, class Word, class Tests>
-inline Word gathered(const Tests& tests) {
-  constexpr int pieces = sizeof(Word) / 2;  // of 16 rows
-  constexpr int vectors = lane_bits / 8;    // per piece
-  return [&]<int... i>(std::integer_sequence<int, i...>) {
-    return static_cast<Word>(
-        (... | (static_cast<Word>(static_cast<uint32_t>(_mm_movemask_epi8(narrowed<lane_bits, 8, i * vectors>(tests))))
-                << 16 * i)));
-  }
-  (std::make_integer_sequence<int, pieces>());
 }
 
 // ---- Scalar fetch ----

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 
 namespace kdzk_test {
 namespace {
@@ -54,16 +55,25 @@ const kdzk_specialized_ctx& library() {
 
 void now_running(const std::string& what) { std::snprintf(running, sizeof running, "%s", what.c_str()); }
 
+// Mappings are kept for the next buffer of their size: thousands are made, and the kernel's share is most of the time.
+std::map<size_t, std::vector<uint8_t*>> spare_mappings;
+
 GuardedBuffer::GuardedBuffer(size_t size, size_t slack, uint8_t fill) : size_(size) {
   const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   const size_t inside = (size + slack + page - 1) / page * page;
   map_size_ = inside + 2 * page;
-  void* const map = mmap(nullptr, map_size_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (map == MAP_FAILED) give_up("out of memory");
-  map_ = static_cast<uint8_t*>(map);
-  if (inside > 0 && mprotect(map_ + page, inside, PROT_READ | PROT_WRITE) != 0) give_up("mprotect failed");
-  std::memset(map_ + page, fill, inside);
+  std::vector<uint8_t*>& spare = spare_mappings[map_size_];
+  if (!spare.empty()) {
+    map_ = spare.back();
+    spare.pop_back();
+  } else {
+    void* const map = mmap(nullptr, map_size_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (map == MAP_FAILED) give_up("out of memory");
+    map_ = static_cast<uint8_t*>(map);
+    if (inside > 0 && mprotect(map_ + page, inside, PROT_READ | PROT_WRITE) != 0) give_up("mprotect failed");
+  }
   data_ = map_ + page + inside - slack - size;
+  if (inside > 0) std::memset(map_ + page, fill, inside);
 }
 
 GuardedBuffer::GuardedBuffer(std::span<const uint8_t> bytes, size_t slack, uint8_t fill)
@@ -71,7 +81,7 @@ GuardedBuffer::GuardedBuffer(std::span<const uint8_t> bytes, size_t slack, uint8
   if (!bytes.empty()) std::memcpy(data_, bytes.data(), bytes.size());
 }
 
-GuardedBuffer::~GuardedBuffer() { munmap(map_, map_size_); }
+GuardedBuffer::~GuardedBuffer() { spare_mappings[map_size_].push_back(map_); }
 
 GuardedBits::GuardedBits(uint64_t nrows, uint64_t garbage) : nrows_(nrows), buffer_((nrows + 63) / 64 * 8) {
   for (uint64_t i = 0; i < (nrows + 63) / 64; i++) std::memcpy(buffer_.data() + i * 8, &garbage, 8);

@@ -1,0 +1,34 @@
+# SPDX-License-Identifier: Apache-2.0
+#
+# Short names for what one does with a fresh clone. Each installs the Debian packages that are missing. The build itself
+# is CMake's.
+BUILD = build
+JOBS = $(shell nproc)
+
+.PHONY: help demo test bench clean
+
+help:
+	@echo 'make demo    build the library and the example, and ask it about real flights'
+	@echo 'make test    build everything and run all tests'
+	@echo 'make bench   measure the kernels'
+	@echo 'make clean   remove $(BUILD)/'
+
+demo:
+	tools/setup.sh demo
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
+	cmake --build $(BUILD) --target kdzk-ask --parallel $(JOBS)
+	$(BUILD)/examples/kdzk-ask --demo examples/data
+
+test:
+	tools/setup.sh test
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON
+	cmake --build $(BUILD) --parallel $(JOBS)
+	ctest --test-dir $(BUILD) --output-on-failure
+
+bench:
+	tools/setup.sh test
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
+	cmake --build $(BUILD) --target run_bench --parallel $(JOBS)
+
+clean:
+	rm -rf $(BUILD)

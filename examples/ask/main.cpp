@@ -1,0 +1,275 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// kdzk-ask: reads a CSV file into packed columns, answers questions about its rows with the kernels, and checks every
+// row of every answer against a plain scan.
+#include <getopt.h>
+
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "csv_file.h"
+#include "engine.h"
+#include "error.h"
+#include "library.h"
+#include "progress.h"
+#include "question.h"
+#include "report.h"
+#include "scan.h"
+#include "table.h"
+
+namespace ask {
+namespace {
+
+constexpr int status_good = 0, status_wrong_answer = 1, status_refused = 2;
+
+constexpr const char* help = R"help(Answers questions about the rows of a CSV file with the kdzk kernels.
+
+  kdzk-ask [OPTIONS] FILE.csv [QUESTION...]
+  kdzk-ask [OPTIONS] --demo DIRECTORY
+
+FILE is a CSV file whose first line names the columns, or - for standard input. Fields may be "quoted", with quotes
+within doubled. Blanks around an unquoted field don't count, nor do blank lines. An empty field is NULL. A column is
+stored as whole numbers if all its fields are that, otherwise as decimal numbers, otherwise as text.
+
+Options:
+  --show N              print the first N rows of each answer, as CSV
+  --library FILE        use this build of the kernel library
+  --store COLUMN=FORM   store a column in this form; the forms are: dict (the default)
+  --progress            tell how far the file is read, even if standard error is no terminal
+  --demo DIRECTORY      ask some questions about flights.csv and airports.csv in that directory
+  --help                print this
+
+Questions are made of comparisons, `and`, `or`, `not` and parentheses; `and` binds closer than `or`:
+  delay >= 60                        = != <> < <= > >=; numbers compare by value, text byte by byte
+  delay between 60 and 120           both ends belong to it; also `not between`
+  origin is SFO, origin is not SFO   the same as = and !=
+  state is null, state is not null   is the field empty?
+  name = 'O''Hare'                   a value with blanks, quotes or symbols in it is put in quotes
+  "arrival time" < 06:00             so is a column, in double quotes
+
+NULL fulfils no comparison, nor a negated one: rows without a state are not found by `state = CA`, nor by
+`state != CA`, nor by `not (state = CA)`.
+
+For each question: how many rows it finds, how many rows and bytes of packed columns per second the kernels went
+through (the best of several laps over all rows, on one thread, so that a small table is in the cache), which kernels
+those were, and "checked" if a plain scan over the values as they were read gives the same answer for every row.
+
+Exit status: 0 all answers checked, 1 an answer was wrong, 2 the file, a question or the library was refused.
+
+Examples:
+  kdzk-ask flights.csv
+  kdzk-ask flights.csv "delay between 60 and 120" "origin = SFO and not (delay > 0)"
+  kdzk-ask --show 5 airports.csv "city = 'San Francisco' or latitude > 70"
+  xz -dc flights-3m.csv.xz | kdzk-ask - "date = 2001-02-14 and destination is SFO"
+)help";
+
+struct Options {
+  std::string library = KDZK_LIBRARY;
+  std::map<std::string, std::string> forms;
+  Progress::When progress = Progress::When::on_terminal;
+  size_t show = 0;
+  std::string demo;
+  std::string file;
+  std::vector<std::string> questions;
+};
+
+const std::vector<std::string> flight_questions = {
+    "delay between 60 and 120",
+    "origin = SFO and distance > 1000",
+    "origin is not ORD",
+    "not (delay > 0) and date between 2001-03-01 and 2001-03-31",
+    "(origin = JFK or origin = LGA or origin = EWR) and time < 06:00",
+    "delay > 0 and delay < 15",
+    "distance not between 200 and 2000",
+    "date = 2001-02-14 and destination is BOS and delay >= 30",
+    "delay > 100000",
+};
+
+const std::vector<std::string> airport_questions = {
+    "state = CA",
+    "city = 'San Francisco'",
+    "latitude < 20 and not state = HI",
+    "longitude between -90 and -85 and (state = IL or state = WI)",
+    "name >= 'Z' or iata < '00S'",
+};
+
+Options parse_options(int count, char** words) {
+  enum : int { show = 1, library, store, progress, demo, help_wanted };
+  static constexpr option known[] = {{"show", required_argument, nullptr, show},
+                                     {"library", required_argument, nullptr, library},
+                                     {"store", required_argument, nullptr, store},
+                                     {"progress", no_argument, nullptr, progress},
+                                     {"demo", required_argument, nullptr, demo},
+                                     {"help", no_argument, nullptr, help_wanted},
+                                     {nullptr, 0, nullptr, 0}};
+  Options options;
+  for (int found; (found = getopt_long(count, words, "h", known, nullptr)) != -1;) {
+    switch (found) {
+      case show: {
+        const char* end = optarg + std::strlen(optarg);
+        const auto [stop, error] = std::from_chars(optarg, end, options.show);
+        if (stop != end || error != std::errc())
+          throw Error("--show takes a number of rows, not '" + std::string(optarg) + "'");
+        break;
+      }
+      case library:
+        options.library = optarg;
+        break;
+      case store: {
+        const std::string choice = optarg;
+        const size_t equals = choice.rfind('=');
+        if (equals == choice.npos) throw Error("--store takes COLUMN=FORM, not '" + choice + "'");
+        options.forms[choice.substr(0, equals)] = choice.substr(equals + 1);
+        break;
+      }
+      case progress:
+        options.progress = Progress::When::always;
+        break;
+      case demo:
+        options.demo = optarg;
+        break;
+      case 'h':
+      case help_wanted:
+        std::fputs(help, stdout);
+        std::exit(status_good);
+      default:  // getopt_long has said what is wrong
+        throw Error("see kdzk-ask --help");
+    }
+  }
+  if (optind < count) options.file = words[optind++];
+  options.questions.assign(words + optind, words + count);
+  if (options.file.empty() == options.demo.empty()) {
+    throw Error(options.demo.empty() ? "no file to ask about; see kdzk-ask --help" : "--demo takes no file of yours");
+  }
+  return options;
+}
+
+void print_columns(const Table& table, const Engine& engine, double load_seconds) {
+  size_t csv_bytes = 0;
+  std::vector<std::vector<std::string>> lines{{"column", "type", "distinct", "nulls", "stored as", "packed", "in CSV"}};
+  for (const Column& column : table.columns) {
+    const Store& store = engine.store(column);
+    csv_bytes += column.csv_bytes();
+    lines.push_back({column.name(), name_of(column.type()), grouped(column.ranks()), grouped(column.nulls()),
+                     std::to_string(store.width()) + "-bit " + store.form(), byte_size(store.bytes()),
+                     byte_size(column.csv_bytes())});
+  }
+  std::printf("%s: %s %s, %s of CSV, loaded in %.2f s\n\n", table.file.c_str(), grouped(table.rows()).c_str(),
+              table.rows() == 1 ? "row" : "rows", byte_size(csv_bytes).c_str(), load_seconds);
+  print_aligned(lines, 2);
+  std::puts("");
+}
+
+std::optional<size_t> first_wrong_row(const Question& question, const Answer& answer, size_t rows) {
+  for (size_t row = 0; row < rows; row++) {
+    if (answer.has(row) != (truth(question, row) == Truth::yes)) return row;
+  }
+  return std::nullopt;
+}
+
+uint64_t rows_in(const Answer& answer, size_t rows) {
+  uint64_t found = 0;
+  for (size_t row = 0; row < rows; row++) found += answer.has(row);
+  return found;
+}
+
+void print_rows(const Table& table, const Answer& answer, size_t count) {
+  std::vector<std::string_view> names;
+  for (const Column& column : table.columns) names.push_back(column.name());
+  write_csv_line(stdout, names);
+  for (size_t row = 0; row < table.rows() && count > 0; row++) {
+    if (!answer.has(row)) continue;
+    write_csv_line(stdout, table.fields(row));
+    count--;
+  }
+}
+
+std::string speed_of(const Answer& answer, size_t rows) {
+  if (answer.laps == 0) return "known from the dictionary, no kernel called";
+  return right(scaled(static_cast<double>(rows) / answer.seconds) + " rows/s", 13) + "  " +
+         right(scaled(static_cast<double>(answer.input_bytes) / answer.seconds) + "B/s", 9) + "  best of " +
+         std::to_string(answer.laps);
+}
+
+// Whether the answer is right.
+bool ask_question(const std::string& text, const Question& question, const Table& table, const Engine& engine,
+                  const Library& library, size_t show) {
+  const size_t rows = table.rows();
+  const Plan plan = engine.plan(question);
+  const Answer answer = engine.answer(plan);
+  const auto wrong_row = first_wrong_row(question, answer, rows);
+  const bool wrong_count = rows_in(answer, rows) != answer.hits;
+
+  const std::string total = grouped(rows);
+  std::printf("%s\n  %s of %s rows %s  %s  %s\n", text.c_str(), right(grouped(answer.hits), total.size()).c_str(),
+              total.c_str(), right(percentage(answer.hits, rows), 8).c_str(), left(speed_of(answer, rows), 43).c_str(),
+              wrong_row || wrong_count ? "WRONG" : "checked");
+  std::string names;
+  for (const std::string& name : kernel_names(plan, library)) names += "  " + name;
+  if (!names.empty()) std::printf("%s\n", names.c_str());
+  if (show > 0) print_rows(table, answer, show);
+  std::puts("");
+  std::fflush(stdout);
+
+  if (wrong_row) {
+    std::fprintf(stderr, "kdzk-ask: wrong answer to %s: the kernels %s row %zu, the plain scan doesn't agree:\n",
+                 text.c_str(), answer.has(*wrong_row) ? "find" : "leave out", *wrong_row + 1);
+    write_csv_line(stderr, table.fields(*wrong_row));
+  } else if (wrong_count) {
+    std::fprintf(stderr, "kdzk-ask: wrong answer to %s: the right rows, but counted as %s\n", text.c_str(),
+                 grouped(answer.hits).c_str());
+  }
+  return !wrong_row && !wrong_count;
+}
+
+// Whether all answers are right.
+bool ask_file(const std::string& path, const std::vector<std::string>& questions, const Options& options,
+              const Library& library) {
+  const auto start = std::chrono::steady_clock::now();
+  const Table table = load_table(path, options.progress);
+  const Engine engine(table, library, options.forms);
+  const std::chrono::duration<double> loading = std::chrono::steady_clock::now() - start;
+
+  std::vector<Question> parsed;
+  for (const std::string& text : questions) parsed.push_back(parse_question(text, table));
+  print_columns(table, engine, loading.count());
+  bool all_right = true;
+  for (size_t i = 0; i < questions.size(); i++) {
+    all_right &= ask_question(questions[i], parsed[i], table, engine, library, options.show);
+  }
+  return all_right;
+}
+
+int run(int count, char** words) {
+  const Options options = parse_options(count, words);
+  const Library library(options.library);
+  if (options.demo.empty()) {
+    return ask_file(options.file, options.questions, options, library) ? status_good : status_wrong_answer;
+  }
+  const bool flights_right = ask_file(options.demo + "/flights.csv", flight_questions, options, library);
+  const bool airports_right = ask_file(options.demo + "/airports.csv", airport_questions, options, library);
+  return flights_right && airports_right ? status_good : status_wrong_answer;
+}
+
+}  // namespace
+}  // namespace ask
+
+int main(int count, char** words) {
+  try {
+    const int status = ask::run(count, words);
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) throw ask::Error("can't write the answers");
+    return status;
+  } catch (const ask::CsvError& error) {  // begins with file and line, as compilers' messages do
+    std::fprintf(stderr, "%s\n", error.what());
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "kdzk-ask: %s\n", error.what());
+  }
+  return ask::status_refused;
+}

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// What all benchmarks share: the library, opened as a host opens it; data; and one form of name.
+// What all benchmarks share: the library, opened as a host opens it; data; groups of peers; and one form of name.
 //
-// A benchmark is named <kernel>/<data>/<peer>. All peers of the same <kernel>/<data> do the same work on the same
-// bytes, and must give the same result before they are timed. The table at the end of a run sets them side by side.
+// A benchmark is named <kernel>/<data>/<peer>. All peers of the same <kernel>/<data> form a group: they do the same
+// work on the same bytes, must give the same answer before they are timed, and take turns while they are. The table at
+// the end of a run sets them side by side.
 #ifndef BENCH_BENCH_H
 #define BENCH_BENCH_H
 
@@ -26,7 +27,7 @@ std::string size_name(uint32_t rows);             // "64Ki", "64Mi"
 // width.
 const uint8_t* random_bytes(uint64_t bytes);
 
-// What one call gave: peers must agree on it. A peer that gives no answer (a bare read) returns nothing.
+// What one call gave: peers must agree on it.
 struct Answer {
   uint64_t hits;
   std::vector<uint64_t> bits;
@@ -36,16 +37,17 @@ struct Answer {
 struct Peer {
   std::string name;
   std::function<void()> run;       // one call, the thing that is timed
-  std::function<Answer()> answer;  // of the last call; null if there is none
+  std::function<Answer()> answer;  // of the last call; null if the peer does other work, as a bare read does
 };
 
-// Registers the peers of one kernel on one kind of data. The first is compared with the others.
-void register_peers(const std::string& kernel, const std::string& data, uint64_t rows, uint64_t bytes,
-                    std::function<std::vector<Peer>()> make_peers, const std::vector<std::string>& names);
+// The peers are made when the group's turn comes and live as long as it lasts. The first is the library's, and named
+// "kdzk"; the others are what it is compared with.
+void add_group(const std::string& kernel, const std::string& data, uint64_t rows, uint64_t bytes,
+               std::function<std::vector<Peer>()> make_peers);
 
-// Each file of benchmarks registers its own.
-void register_predicates();
-void register_bit_vectors();
+// Each file of benchmarks adds its own groups.
+void add_predicates();
+void add_bit_vectors();
 
 }  // namespace kdzk_bench
 

@@ -20,7 +20,7 @@ struct Vectors {
       : a(reinterpret_cast<const uint64_t*>(random_bytes(nrows / 4))), b(a + nrows / 64), dst(nrows / 64) {}
 };
 
-void register_and(uint32_t nrows, const char* size) {
+void add_and(uint32_t nrows, const char* size) {
   const auto make = [=] {
     auto v = std::make_shared<Vectors>(nrows);
     const auto answer = [=] { return Answer{v->count, v->dst}; };
@@ -28,21 +28,21 @@ void register_and(uint32_t nrows, const char* size) {
         {"kdzk", [=] { library().bv64.bv_and(v->dst.data(), &v->count, v->a, v->b, nrows); }, answer},
         {"plain_loop", [=] { v->count = and_count(v->dst.data(), v->a, v->b, nrows / 64); }, answer}};
   };
-  register_peers("bv64_and", size, nrows, nrows / 4, make, {"kdzk", "plain_loop"});
+  add_group("bv64_and", size, nrows, nrows / 4, make);
 }
 
-void register_count(uint32_t nrows, const char* size) {
+void add_count(uint32_t nrows, const char* size) {
   const auto make = [=] {
     auto v = std::make_shared<Vectors>(nrows);
     const auto answer = [=] { return Answer{v->count, {}}; };
     return std::vector<Peer>{{"kdzk", [=] { library().bv64.bv_count(&v->count, v->a, nrows); }, answer},
                              {"plain_loop", [=] { v->count = count_words(v->a, nrows / 64); }, answer}};
   };
-  register_peers("bv64_count", size, nrows, nrows / 8, make, {"kdzk", "plain_loop"});
+  add_group("bv64_count", size, nrows, nrows / 8, make);
 }
 
 // Row numbers of the set bits, one bit in `sparsity` being set.
-void register_batch(uint32_t sparsity) {
+void add_batch(uint32_t sparsity) {
   const auto make = [=] {
     auto bits = std::make_shared<std::vector<uint64_t>>(in_cache / 64);
     const auto* const random = reinterpret_cast<const uint32_t*>(random_bytes(uint64_t{in_cache} * 4));
@@ -63,18 +63,17 @@ void register_batch(uint32_t sparsity) {
          answer},
         {"plain_loop", [=] { *count = list_set_rows(bits->data(), in_cache, rows->data()); }, answer}};
   };
-  register_peers("bv64_next_set_batch", "one_in_" + std::to_string(sparsity), in_cache, in_cache / 8, make,
-                 {"kdzk", "plain_loop"});
+  add_group("bv64_next_set_batch", "one_in_" + std::to_string(sparsity), in_cache, in_cache / 8, make);
 }
 
 }  // namespace
 
-void register_bit_vectors() {
-  register_and(in_cache, "64Ki");
-  register_and(memory_rows, "1Gi");
-  register_count(in_cache, "64Ki");
-  register_count(memory_rows, "1Gi");
-  for (uint32_t sparsity : {2u, 16u, 256u}) register_batch(sparsity);
+void add_bit_vectors() {
+  add_and(in_cache, "64Ki");
+  add_and(memory_rows, "1Gi");
+  add_count(in_cache, "64Ki");
+  add_count(memory_rows, "1Gi");
+  for (uint32_t sparsity : {2u, 16u, 256u}) add_batch(sparsity);
 }
 
 }  // namespace kdzk_bench

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// The benchmark program: Google Benchmark, and a closing table of ratios. Repetitions of all benchmarks are interleaved
-// at random and the fastest one counts, since a shared machine can only make a loop slower.
+// The benchmark program: Google Benchmark, group by group, and a closing table of ratios. The repetitions of a group's
+// peers are interleaved at random and the fastest of each counts, since a shared machine can only make a loop slower.
+// --benchmark_filter is a regular expression on <kernel>/<data>; a group's peers always run together.
 
 #include <dlfcn.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <memory>
 #include <random>
+#include <regex>
 
 #include "bench/bench.h"
 
@@ -31,48 +32,80 @@ const kdzk_specialized_ctx* open_library() {
   return static_cast<const kdzk_specialized_ctx*>(record);
 }
 
-// Keeps the fastest repetition of each benchmark and prints the peers of each kernel side by side.
-class RatioReporter : public benchmark::ConsoleReporter {
+struct Group {
+  std::string name;  // <kernel>/<data>
+  uint64_t rows, bytes;
+  std::function<std::vector<Peer>()> make_peers;
+};
+
+std::vector<Group>& groups() {
+  static std::vector<Group> groups;
+  return groups;
+}
+
+// Keeps the fastest repetition of each peer of a group.
+class FastestRuns : public benchmark::BenchmarkReporter {
  public:
-  bool ReportContext(const Context& context) override { return ConsoleReporter::ReportContext(context); }
+  bool ReportContext(const Context&) override { return true; }
 
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
       if (run.error_occurred) {
         std::printf("%s: %s\n", run.benchmark_name().c_str(), run.error_message.c_str());
         failed = true;
+      } else if (run.run_type != Run::RT_Aggregate) {
+        const std::string peer = run.run_name.function_name.substr(run.run_name.function_name.rfind('/') + 1);
+        auto known = std::find_if(seconds.begin(), seconds.end(), [&](const auto& s) { return s.first == peer; });
+        if (known == seconds.end()) known = seconds.insert(known, {peer, 1e300});
+        known->second = std::min(known->second, run.real_accumulated_time / static_cast<double>(run.iterations));
       }
-      if (run.error_occurred || run.run_type == Run::RT_Aggregate) continue;
-      const std::string name = run.run_name.function_name;
-      const size_t slash = name.rfind('/');
-      Speed& speed = speeds_[{name.substr(0, slash), name.substr(slash + 1)}];
-      speed.rows = std::max<double>(speed.rows, run.counters.at("items_per_second"));
-      speed.bytes = std::max<double>(speed.bytes, run.counters.at("bytes_per_second"));
-    }
-  }
-
-  void Finalize() override {
-    std::printf("\n%-34s %12s %9s   kdzk as a multiple of\n", "kernel/data", "M rows/s", "GB/s");
-    std::string kernel;
-    for (const auto& [key, speed] : speeds_) {
-      if (key.second != "kdzk") continue;
-      std::printf("%-34s %12.1f %9.2f  ", key.first.c_str(), speed.rows / 1e6, speed.bytes / 1e9);
-      for (const auto& [other, peer] : speeds_) {
-        if (other.first == key.first && other.second != "kdzk")
-          std::printf(" %s %.2f", other.second.c_str(), speed.rows / peer.rows);
-      }
-      std::printf("\n");
     }
   }
 
   bool failed = false;
-
- private:
-  struct Speed {
-    double rows = 0, bytes = 0;
-  };
-  std::map<std::pair<std::string, std::string>, Speed> speeds_;
+  std::vector<std::pair<std::string, double>> seconds;
 };
+
+// Whether all peers that give an answer give the same.
+bool agree(const std::vector<Peer>& peers) {
+  for (const Peer& peer : peers) {
+    if (!peer.answer) continue;
+    peers[0].run();
+    const Answer want = peers[0].answer();
+    peer.run();
+    if (peer.answer() != want) {
+      std::printf("%s disagrees with %s\n", peer.name.c_str(), peers[0].name.c_str());
+      return false;
+    }
+  }
+  return true;
+}
+
+// Returns false if the peers disagree.
+bool run_group(const Group& group) {
+  const std::vector<Peer> peers = group.make_peers();
+  if (!agree(peers)) return false;
+  for (const Peer& peer : peers) {
+    benchmark::RegisterBenchmark((group.name + "/" + peer.name).c_str(), [&peer](benchmark::State& state) {
+      for (auto _ : state) peer.run();
+    });
+  }
+  FastestRuns fastest;
+  benchmark::RunSpecifiedBenchmarks(&fastest, ".");
+  benchmark::ClearRegisteredBenchmarks();
+  double kdzk = 0;
+  for (const auto& [peer, seconds] : fastest.seconds) kdzk = peer == "kdzk" ? seconds : kdzk;
+  std::printf("%-36s %10.1f %8.2f  ", group.name.c_str(), static_cast<double>(group.rows) / kdzk / 1e6,
+              static_cast<double>(group.bytes) / kdzk / 1e9);
+  for (const Peer& peer : peers) {
+    for (const auto& [name, seconds] : fastest.seconds) {
+      if (name == peer.name && name != "kdzk") std::printf(" %s %.2f", name.c_str(), seconds / kdzk);
+    }
+  }
+  std::printf("\n");
+  std::fflush(stdout);
+  return !fastest.failed;
+}
 
 }  // namespace
 
@@ -86,57 +119,43 @@ std::string size_name(uint32_t rows) { return rows == in_cache ? "64Ki" : "64Mi"
 const uint8_t* random_bytes(uint64_t bytes) {
   static std::vector<uint64_t> words;
   static std::mt19937_64 engine(1);
-  // Grows to the largest size asked for at once: an address that was given out must stay.
+  // An address that was given out must stay, so the room is there from the beginning.
   if (words.empty()) words.reserve(uint64_t{in_memory} + KDZK_PADDING);
   while (words.size() * 8 < bytes + KDZK_PADDING) words.push_back(engine());
   return reinterpret_cast<const uint8_t*>(words.data());
 }
 
-void register_peers(const std::string& kernel, const std::string& data, uint64_t rows, uint64_t bytes,
-                    std::function<std::vector<Peer>()> make_peers, const std::vector<std::string>& names) {
-  for (size_t i = 0; i < names.size(); i++) {
-    const std::string name = kernel + "/" + data + "/" + names[i];
-    benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
-      const std::vector<Peer> peers = make_peers();
-      const Peer& peer = peers[i];
-      peer.run();
-      if (peer.answer && i > 0) {
-        peers[0].run();
-        const Answer want = peers[0].answer();
-        peer.run();
-        if (peer.answer() != want) {
-          state.SkipWithError("the peers disagree");
-          return;
-        }
-      }
-      for (auto _ : state) peer.run();
-      state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * rows));
-      state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
-    });
-  }
+void add_group(const std::string& kernel, const std::string& data, uint64_t rows, uint64_t bytes,
+               std::function<std::vector<Peer>()> make_peers) {
+  groups().push_back({kernel + "/" + data, rows, bytes, std::move(make_peers)});
 }
 
 }  // namespace kdzk_bench
 
 int main(int argc, char** argv) {
-  std::vector<char*> arguments(argv, argv + argc);
-  const auto add_default = [&](const char* flag, const char* value) {
-    const bool given = std::any_of(argv, argv + argc, [&](const char* a) { return std::string(a).starts_with(flag); });
-    static std::vector<std::string> kept;
-    kept.reserve(8);
-    if (given) return;
-    kept.push_back(std::string(flag) + value);
-    arguments.insert(arguments.begin() + 1, kept.back().data());
+  using namespace kdzk_bench;
+  std::vector<std::string> arguments(argv, argv + argc);
+  const auto add_default = [&](const std::string& flag, const std::string& value) {
+    const bool given = std::any_of(arguments.begin(), arguments.end(), [&](auto& a) { return a.starts_with(flag); });
+    if (!given) arguments.insert(arguments.begin() + 1, flag + value);
   };
-  add_default("--benchmark_min_time=", "0.02");
-  add_default("--benchmark_repetitions=", "9");
+  add_default("--benchmark_min_time=", "0.005");
+  add_default("--benchmark_repetitions=", "15");
   add_default("--benchmark_enable_random_interleaving=", "true");
-  int count = static_cast<int>(arguments.size());
-  benchmark::Initialize(&count, arguments.data());
-  if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 2;
-  kdzk_bench::register_predicates();
-  kdzk_bench::register_bit_vectors();
-  kdzk_bench::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  return reporter.failed ? 1 : 0;
+  std::vector<char*> pointers;
+  for (std::string& argument : arguments) pointers.push_back(argument.data());
+  int count = static_cast<int>(pointers.size());
+  benchmark::Initialize(&count, pointers.data());
+  if (benchmark::ReportUnrecognizedArguments(count, pointers.data())) return 2;
+
+  add_predicates();
+  add_bit_vectors();
+  const std::string filter = benchmark::GetBenchmarkFilter();
+  const std::regex wanted(filter == "all" || filter.empty() ? "." : filter);
+  std::printf("%-36s %10s %8s   kdzk as a multiple of its peers' speed\n", "kernel/data", "M rows/s", "GB/s");
+  bool good = true;
+  for (const Group& group : groups()) {
+    if (std::regex_search(group.name, wanted)) good = run_group(group) && good;
+  }
+  return good ? 0 : 1;
 }

@@ -55,11 +55,11 @@ inline void clear_from(uint8_t* bits, uint64_t from, uint32_t nrows) {
   if (words_for(nrows) * 8 > from) std::memset(bits + from, 0, words_for(nrows) * 8 - from);
 }
 
-// All rows of a vector. A step gives `words_per_step` words of the bit vector of type `Word`, a bit per row; the rows
-// behind the last whole step, fewer than one step, are read as codes and tested one by one. The source of codes walks
-// over the column:
+// All rows of a vector. A step gives `words_per_step` words, one or two, of the bit vector of type `Word`, a bit per
+// row; the rows behind the last whole step, fewer than one step, are read as codes and tested one by one. The source of
+// codes walks over the column:
 //   source.begin_step()   called before each step
-//   next_word(source)     the bits of the next 8 * sizeof(Word) rows
+//   next_word<i>(source)  the bits of the next 8 * sizeof(Word) rows, word i of the step
 //   source.next()         moves on to the rows behind them
 //   source.tail(row)      the rows from this one on are read by `code`
 //   source.code(row)      the code of a row, asked for in ascending order; codes.has(code) tells whether it qualifies
@@ -72,12 +72,14 @@ inline uint32_t evaluate_steps(Source source, const NextWord& next_word, const C
   uint8_t* out = bits;
   for (uint32_t steps = nrows / rows_per_step; steps > 0; steps--) {
     source.begin_step();
-    for (int i = 0; i < Source::words_per_step; i++, out += sizeof(Word)) {
-      const Word word = next_word(source);
+    const auto put = [&](Word word) {
       source.next();
       store(out, word);
+      out += sizeof(Word);
       hits += bits_set(word);
-    }
+    };
+    put(next_word.template operator()<0>(source));
+    if constexpr (Source::words_per_step == 2) put(next_word.template operator()<1>(source));
   }
   uint32_t row = nrows / rows_per_step * rows_per_step;
   clear_from(bits, row / 8, nrows);
@@ -170,12 +172,13 @@ uint64_t between(kdzk_vec* result, const kdzk_vec* input, const kdzk_kargs* low,
   template uint64_t compare<family, op>(kdzk_vec*, const kdzk_vec*, const kdzk_kargs*, kdzk_exec*);
 #define KDZK_BETWEEN(family, op) \
   template uint64_t between<family, op>(kdzk_vec*, const kdzk_vec*, const kdzk_kargs*, const kdzk_kargs*, kdzk_exec*);
-#define KDZK_PREDICATES(...)                                                                                      \
-  KDZK_COMPARE(__VA_ARGS__, Op::eq)                                                                               \
-  KDZK_COMPARE(__VA_ARGS__, Op::lt)                                                                               \
-  KDZK_COMPARE(__VA_ARGS__, Op::gt) KDZK_COMPARE(__VA_ARGS__, Op::le) KDZK_COMPARE(__VA_ARGS__, Op::ge)           \
-      KDZK_COMPARE(__VA_ARGS__, Op::ne) KDZK_BETWEEN(__VA_ARGS__, Op::gt_lt) KDZK_BETWEEN(__VA_ARGS__, Op::gt_le) \
-          KDZK_BETWEEN(__VA_ARGS__, Op::ge_lt) KDZK_BETWEEN(__VA_ARGS__, Op::ge_le)
+#define KDZK_PREDICATES(...)                                                                                         \
+  KDZK_COMPARE(__VA_ARGS__, Op::eq)                                                                                  \
+  KDZK_COMPARE(__VA_ARGS__, Op::lt)                                                                                  \
+  KDZK_COMPARE(__VA_ARGS__, Op::gt)                                                                                  \
+  KDZK_COMPARE(__VA_ARGS__, Op::le) KDZK_COMPARE(__VA_ARGS__, Op::ge) KDZK_COMPARE(__VA_ARGS__, Op::ne)              \
+      KDZK_BETWEEN(__VA_ARGS__, Op::gt_lt) KDZK_BETWEEN(__VA_ARGS__, Op::gt_le) KDZK_BETWEEN(__VA_ARGS__, Op::ge_lt) \
+          KDZK_BETWEEN(__VA_ARGS__, Op::ge_le)
 
 }  // namespace kdzk
 

@@ -19,6 +19,7 @@ struct AlignedSource {
   static constexpr int words_per_step = width == 8 ? 2 : 1;
   static constexpr int halves = 1;
   static constexpr bool has_at_least = width <= 16;
+  static constexpr bool sums_second_word = true;
   static constexpr int bytes_per_vector = 128 / width * bytes;
   static constexpr bool narrow = bytes < width / 8;
 

@@ -118,6 +118,7 @@ struct PackedSource {
   static constexpr int words_per_step = lane_bits == 8 ? 2 : 1;
   static constexpr int halves = P::halves;
   static constexpr bool has_at_least = true;
+  static constexpr bool sums_second_word = W == 4;
 
   const uint8_t* in;
   const uint8_t* stream = in;

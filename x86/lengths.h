@@ -77,6 +77,7 @@ struct CutSource {
   static constexpr int words_per_step = 1;
   static constexpr int halves = 1;
   static constexpr bool has_at_least = width == 16;
+  static constexpr bool sums_second_word = false;
 
   const uint8_t* data;     // first byte of the row where the source stands
   const uint8_t* lengths;  // the byte of that row, which is the first of the byte

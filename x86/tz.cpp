@@ -140,7 +140,7 @@ uint32_t evaluate_pairs(const Source& source, const Call& call, typename PairTes
   const uint32_t low_code = load<uint8_t>(call.low->lengths), high_code = load<uint8_t>(call.high->lengths);
   const auto by = [&](bool inverted, const auto& rows_of) {
     const Word inversion = inverted ? static_cast<Word>(~Word{0}) : Word{0};
-    const auto next_word = [&](const Source& at) {
+    const auto next_word = [&]<int>(const Source& at) {
       uint32_t word = static_cast<uint32_t>(_mm_movemask_epi8(rows_of.template operator()<0>(at)));
       if constexpr (W == 16) word |= static_cast<uint32_t>(_mm_movemask_epi8(rows_of.template operator()<1>(at))) << 16;
       return static_cast<Word>(inversion ^ word);

@@ -5,37 +5,41 @@
 #include <emmintrin.h>
 
 #include <cstring>
+#include <type_traits>
 
 namespace kdzk_bench {
 namespace {
 
-template <int W>
-uint32_t code(const uint8_t* stream, uint32_t row) {
-  const uint64_t bit = uint64_t{row} * W;
-  uint64_t span;
-  std::memcpy(&span, stream + bit / 32 * 4, 8);
-  return static_cast<uint32_t>(__builtin_bswap64(span) << bit % 32 >> (64 - W));
+template <class T>
+T load(const void* at) {
+  T value;
+  std::memcpy(&value, at, sizeof value);
+  return value;
 }
 
 template <int W>
-uint32_t lt(const uint8_t* stream, uint32_t k, uint64_t* bits, uint32_t nrows) {
-  uint32_t hits = 0;
-  for (uint32_t row = 0; row < nrows; row++) {
-    if (code<W>(stream, row) < k) {
-      bits[row / 64] |= uint64_t{1} << row % 64;
-      hits++;
-    }
+using Native =
+    std::conditional_t<W <= 8, uint8_t,
+                       std::conditional_t<W <= 16, uint16_t, std::conditional_t<W <= 32, uint32_t, uint64_t>>>;
+
+template <int W>
+Native<W> packed_code(const uint8_t* stream, uint32_t row) {
+  if constexpr (W == 64) {
+    return __builtin_bswap64(load<uint64_t>(stream + uint64_t{row} * 8));
+  } else {
+    const uint64_t bit = uint64_t{row} * W;
+    return static_cast<Native<W>>(__builtin_bswap64(load<uint64_t>(stream + bit / 32 * 4)) << bit % 32 >> (64 - W));
   }
-  return hits;
 }
 
-template <int W>
-uint32_t lt_branchless(const uint8_t* stream, uint32_t k, uint64_t* bits, uint32_t nrows) {
+// Writes the rows for which `holds` is true, 64 at a time, and counts them.
+template <class Holds>
+uint32_t by_words(uint64_t* bits, uint32_t nrows, const Holds& holds) {
   uint32_t hits = 0;
   for (uint32_t first = 0; first < nrows; first += 64) {
     const uint32_t rows = nrows - first < 64 ? nrows - first : 64;
     uint64_t word = 0;
-    for (uint32_t i = 0; i < rows; i++) word |= uint64_t{code<W>(stream, first + i) < k} << i;
+    for (uint32_t i = 0; i < rows; i++) word |= uint64_t{holds(first + i)} << i;
     bits[first / 64] = word;
     hits += static_cast<uint32_t>(__builtin_popcountll(word));
   }
@@ -44,34 +48,128 @@ uint32_t lt_branchless(const uint8_t* stream, uint32_t k, uint64_t* bits, uint32
 
 // Calls `f.operator()<width>()` for a width known only now.
 template <int W = 1, class F>
-uint32_t with_width(int width, F f) {
-  if constexpr (W <= 32) {
-    return width == W ? f.template operator()<W>() : with_width<W + 1>(width, f);
+auto with_width(int width, const F& f) {
+  if constexpr (W < 64) {
+    return width == W ? f.template operator()<W>() : with_width<(W < 32 ? W + 1 : 64)>(width, f);
   } else {
-    __builtin_trap();
+    return f.template operator()<64>();
   }
+}
+
+template <int W>
+constexpr int length_bits = W == 16   ? 1
+                            : W == 32 ? 2
+                                      : 4;
+
+template <int W>
+uint32_t length_code(const uint8_t* lengths, uint32_t row) {
+  constexpr uint32_t bits = length_bits<W>, per_byte = 8 / bits;
+  return lengths[row / per_byte] >> (bits * (per_byte - 1 - row % per_byte)) & ((1u << bits) - 1);
+}
+
+uint64_t big_endian(const uint8_t* at, int bytes) {
+  uint8_t local[8] = {};
+  std::memcpy(local, at, static_cast<size_t>(bytes));
+  return __builtin_bswap64(load<uint64_t>(local));
+}
+
+template <class F>
+uint32_t with_length_width(int width, const F& f) {
+  return width == 16   ? f.template operator()<16>()
+         : width == 32 ? f.template operator()<32>()
+                       : f.template operator()<64>();
 }
 
 }  // namespace
 
-uint32_t lt_packed(const uint8_t* stream, int width, uint32_t k, uint64_t* bits, uint32_t nrows) {
-  return with_width(width, [=]<int W>() { return lt<W>(stream, k, bits, nrows); });
+uint32_t lt_packed_with_if(const uint8_t* stream, int width, uint32_t k, uint64_t* bits, uint32_t nrows) {
+  return with_width(width, [=]<int W>() {
+    uint32_t hits = 0;
+    for (uint32_t row = 0; row < nrows; row++) {
+      if (packed_code<W>(stream, row) < k) {
+        bits[row / 64] |= uint64_t{1} << row % 64;
+        hits++;
+      }
+    }
+    return hits;
+  });
 }
 
-uint32_t lt_packed_branchless(const uint8_t* stream, int width, uint32_t k, uint64_t* bits, uint32_t nrows) {
-  return with_width(width, [=]<int W>() { return lt_branchless<W>(stream, k, bits, nrows); });
+uint32_t lt_packed(const uint8_t* stream, int width, uint32_t k, uint64_t* bits, uint32_t nrows) {
+  return with_width(width, [=]<int W>() {
+    return by_words(bits, nrows, [=](uint32_t row) { return packed_code<W>(stream, row) < k; });
+  });
 }
+
+uint32_t lt_stored(const uint8_t* values, int width, int bytes, uint64_t k, uint64_t* bits, uint32_t nrows) {
+  return with_width(width, [=]<int W>() {
+    if (bytes * 8 == W) return by_words(bits, nrows, [=](uint32_t row) { return packed_code<W>(values, row) < k; });
+    return by_words(bits, nrows, [=](uint32_t row) {
+      const uint64_t value = __builtin_bswap64(load<uint64_t>(values + uint64_t{row} * static_cast<uint64_t>(bytes)));
+      return value >> (64 - 8 * bytes) << (W - 8 * bytes) < k;
+    });
+  });
+}
+
+uint32_t lt_native(const void* codes, int width, uint64_t k, uint64_t* bits, uint32_t nrows) {
+  return with_width(width, [=]<int W>() {
+    const auto* const at = static_cast<const Native<W>*>(codes);
+    const auto constant = static_cast<Native<W>>(k);
+    return by_words(bits, nrows, [=](uint32_t row) { return at[row] < constant; });
+  });
+}
+
+uint32_t lt_unpack_then_compare(const uint8_t* stream, int width, uint64_t k, uint64_t* bits, uint32_t nrows) {
+  return with_width(width, [=]<int W>() {
+    Native<W> codes[1024];
+    uint32_t hits = 0;
+    for (uint32_t first = 0; first < nrows; first += 1024) {
+      const uint32_t rows = nrows - first < 1024 ? nrows - first : 1024;
+      for (uint32_t i = 0; i < rows; i++) codes[i] = packed_code<W>(stream, first + i);
+      hits += lt_native(codes, W, k, bits + first / 64, rows);
+    }
+    return hits;
+  });
+}
+
+uint32_t lt_cut(const uint8_t* data, const uint8_t* lengths, int width, uint64_t k, uint64_t* bits, uint32_t nrows) {
+  return with_length_width(width, [=]<int W>() {
+    const uint8_t* at = data;
+    return by_words(bits, nrows, [=, &at](uint32_t row) {
+      const int length = static_cast<int>(length_code<W>(lengths, row)) + 1;
+      const uint64_t value = big_endian(at, length) >> (64 - W);
+      at += length;
+      return value < k;
+    });
+  });
+}
+
+uint32_t lt_pairs(const uint8_t* values, const uint8_t* lengths, int width, uint64_t k, uint32_t k_code, uint64_t* bits,
+                  uint32_t nrows) {
+  return with_length_width(width, [=]<int W>() {
+    return by_words(bits, nrows, [=](uint32_t row) {
+      const uint64_t value = packed_code<W>(values, row);
+      return value < k || (value == k && length_code<W>(lengths, row) < k_code);
+    });
+  });
+}
+
+void unpack(const uint8_t* stream, int width, void* codes, uint32_t nrows) {
+  with_width(width, [=]<int W>() {
+    auto* const at = static_cast<Native<W>*>(codes);
+    for (uint32_t row = 0; row < nrows; row++) at[row] = packed_code<W>(stream, row);
+    return 0;
+  });
+}
+
+int native_bytes(int width) { return width <= 8 ? 1 : width <= 16 ? 2 : width <= 32 ? 4 : 8; }
 
 uint64_t bare_read(const uint8_t* from, uint64_t bytes) {
-  __m128i a = _mm_setzero_si128(), b = a, c = a, d = a;  // four chains, so that the loads set the pace
-  const auto* at = reinterpret_cast<const __m128i*>(from);
-  for (const auto* end = at + bytes / 64 * 4; at < end; at += 4) {
-    a = _mm_or_si128(a, _mm_loadu_si128(at));
-    b = _mm_or_si128(b, _mm_loadu_si128(at + 1));
-    c = _mm_or_si128(c, _mm_loadu_si128(at + 2));
-    d = _mm_or_si128(d, _mm_loadu_si128(at + 3));
+  __m128i all = _mm_setzero_si128();
+#pragma GCC unroll 4  // one load a cycle; without, g++ 12 gets half of that on some addresses of the loop
+  for (const uint8_t* end = from + bytes / 16 * 16; from < end; from += 16) {
+    all = _mm_or_si128(all, _mm_loadu_si128(reinterpret_cast<const __m128i*>(from)));
   }
-  const __m128i all = _mm_or_si128(_mm_or_si128(a, b), _mm_or_si128(c, d));
   return static_cast<uint64_t>(_mm_cvtsi128_si64(_mm_or_si128(all, _mm_srli_si128(all, 8))));
 }
 

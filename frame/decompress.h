@@ -5,13 +5,9 @@
 
 #include <kdzk/records.h>
 
-namespace kdzk {
+#include "frame/kernel_name.h"
 
-// The texts that a kernel shows to the host; both bear the kernel's own name.
-struct KernelTexts {
-  const char* alloc_comment;
-  const char* decode_failure;
-};
+namespace kdzk {
 
 // Fills input.decomp_slot by the host's callbacks and returns the copy. A failed decompression goes to hostinternalerr;
 // if that returns, the copy is used as it is. The slot is filled before the block is decompressed.

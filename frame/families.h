@@ -72,6 +72,21 @@ template <class Family, Op op>
 uint64_t between(kdzk_vec* result, const kdzk_vec* input, const kdzk_kargs* low, const kdzk_kargs* high,
                  kdzk_exec* exec);
 
+// Run bits to row bits, by run lengths of W bits or, `cla`, by the runs' first rows.
+template <int W, bool cla>
+struct BurstRle {
+  static constexpr int width = W;
+  static constexpr const char* form = "rle";
+  static constexpr const char* suffix = cla ? "_cla" : "";
+};
+
+// The decoding kernels of a family.
+template <class Family, DecodeOp op>
+uint64_t decode(kdzk_vec* result, kdzk_vec* input, kdzk_exec* exec);
+
+template <int W, bool cla>
+uint64_t burst_rle(kdzk_vec* result, const kdzk_vec* src, const kdzk_result_report* report);
+
 }  // namespace kdzk
 
 #endif

@@ -36,7 +36,7 @@ inline constexpr auto text = [] {
   return chars;
 }();
 
-template <class Family, Op op>
+template <class Family, auto op>
 constexpr Draft draft_name() {
   Draft name;
   name += "kdzk_";
@@ -50,14 +50,14 @@ constexpr Draft draft_name() {
   return name;
 }
 
-template <class Family, Op op>
+template <class Family, auto op>
 constexpr Draft draft_alloc_comment() {
   Draft name = draft_name<Family, op>();
   name += ": vec1_decomp";
   return name;
 }
 
-template <class Family, Op op>
+template <class Family, auto op>
 constexpr Draft draft_failure() {
   Draft name = draft_name<Family, op>();
   name += ": kdzk_sqzb_decode failed";
@@ -65,16 +65,25 @@ constexpr Draft draft_failure() {
 }
 
 // "kdzk_eq_dict_13bit"
-template <class Family, Op op>
+template <class Family, auto op>
 inline constexpr const char* kernel_name = text<draft_name<Family, op>>.data();
 
 // "kdzk_eq_dict_13bit: vec1_decomp"
-template <class Family, Op op>
+template <class Family, auto op>
 inline constexpr const char* alloc_comment = text<draft_alloc_comment<Family, op>>.data();
 
 // "kdzk_eq_dict_13bit: kdzk_sqzb_decode failed"
-template <class Family, Op op>
+template <class Family, auto op>
 inline constexpr const char* decode_failure = text<draft_failure<Family, op>>.data();
+
+// The texts that a kernel shows to the host; both bear the kernel's own name.
+struct KernelTexts {
+  const char* alloc_comment;
+  const char* decode_failure;
+};
+
+template <class Family, auto op>
+inline constexpr KernelTexts kernel_texts = {alloc_comment<Family, op>, decode_failure<Family, op>};
 
 }  // namespace kdzk
 

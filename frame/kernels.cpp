@@ -12,10 +12,15 @@ namespace {
 
 constexpr char no_kernel[] = "kdzk_invalid_dispatch";
 
+template <class Family, auto op>
+constexpr uint32_t id_of() {
+  const uint32_t row = kdzk_row_of_width(Family::width) + Family::variant;
+  return kdzk_id_of_kind(kdzk_kind_of(row, Family::family), static_cast<uint32_t>(op));
+}
+
 template <class Family, Op op>
 constexpr void list_predicate(KernelTables& tables) {
-  const uint32_t row = kdzk_row_of_width(Family::width) + Family::variant;
-  const uint32_t id = kdzk_id_of_kind(kdzk_kind_of(row, Family::family), static_cast<uint32_t>(op));
+  const uint32_t id = id_of<Family, op>();
   if constexpr (two_sided(op)) {
     tables.dispatch[id].between = between<Family, op>;
   } else {
@@ -34,6 +39,29 @@ constexpr void list_predicates(KernelTables& tables) {
   (list_all_ops<Family<W>>(tables, std::make_integer_sequence<int, 10>()), ...);
 }
 
+template <DecodeOp op, int... W>
+constexpr void list_decode(KernelTables& tables) {
+  ((tables.dispatch[id_of<Dict<W>, op>()].decode = decode<Dict<W>, op>), ...);
+  ((tables.names[id_of<Dict<W>, op>()] = kernel_name<Dict<W>, op>), ...);
+}
+
+uint64_t idle(kdzk_vec*, const kdzk_vec*, const kdzk_vec*, kdzk_exec*) { return 0; }
+
+template <template <int> class Family, IdleOp op, int... W>
+constexpr void list_idle(KernelTables& tables) {
+  ((tables.dispatch[id_of<Family<W>, op>()].idle = idle), ...);
+  ((tables.names[id_of<Family<W>, op>()] = kernel_name<Family<W>, op>), ...);
+}
+
+// Without `cla` they stand a row below their width's own.
+template <int W, bool cla>
+constexpr void list_burst(KernelTables& tables) {
+  const uint32_t column = KDZK_FAMILY_FURTHER * 32 + KDZK_OP_BURST_RLE;
+  const uint32_t id = kdzk_id_of(kdzk_row_of_width(W) - (cla ? 0 : 1), column);
+  tables.dispatch[id].burst = burst_rle<W, cla>;
+  tables.names[id] = kernel_name<BurstRle<W, cla>, BurstOp::burst>;
+}
+
 constexpr KernelTables list_kernels() {
   KernelTables tables{};
   for (const char*& name : tables.names) name = no_kernel;
@@ -43,6 +71,10 @@ constexpr KernelTables list_kernels() {
   list_predicates<FixedTz, 8, 16, 32, 64>(tables);
   list_predicates<Dynp, 16, 32, 64>(tables);
   list_predicates<DynpTz, 16, 32, 64>(tables);
+  list_idle<Fixed, IdleOp::sum, 8, 16, 32, 64>(tables);
+  list_idle<Dict, IdleOp::sum, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32>(tables);
+  list_idle<Dict, IdleOp::distinct, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32>(
+      tables);
   return tables;
 }
 
@@ -55,7 +87,7 @@ constexpr int kernels_in(const KernelTables& tables) {
 }  // namespace
 
 constinit const KernelTables kernel_tables = list_kernels();
-static_assert(kernels_in(list_kernels()) == 600);
+static_assert(kernels_in(list_kernels()) == 648);
 static_assert(sizeof(KernelTables) == (KDZK_DISPATCH_SIZE + KDZK_KERNEL_IDS) * 8);
 
 }  // namespace kdzk

@@ -18,6 +18,19 @@ constexpr std::string_view word_of(Op op) {
   return words[static_cast<int>(op)];
 }
 
+// The other operations of dictionary columns. The values are their operation numbers.
+enum class DecodeOp : uint8_t { decode = 10, decode_unpack = 11, decode_symbol = 12 };
+enum class IdleOp : uint8_t { sum = 15, distinct = 16 };  // kernels that do nothing
+
+constexpr std::string_view word_of(DecodeOp op) {
+  if (op == DecodeOp::decode) return "decode";
+  return op == DecodeOp::decode_unpack ? "decode_unpack" : "decode_symbol";
+}
+constexpr std::string_view word_of(IdleOp op) { return op == IdleOp::sum ? "sum" : "distinct"; }
+
+enum class BurstOp : uint8_t { burst = 14 };
+constexpr std::string_view word_of(BurstOp) { return "burst"; }
+
 constexpr bool two_sided(Op op) { return op >= Op::gt_lt; }
 
 // A set of codes with one interval: those from `first` to `first + span` if `inside`, otherwise all but these. Whatever

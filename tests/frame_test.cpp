@@ -48,18 +48,42 @@ TEST(Record, HoldsDistinctServices) {
   EXPECT_EQ(library().reserved0[0](), 0u);
 }
 
-TEST(Dispatch, HoldsTheKernelsOfTheMatrixAndNoOther) {
+const int dict_widths[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32};
+
+uint32_t row_of(int width) {
+  return static_cast<uint32_t>(width == 24 ? 20 : width == 32 ? 21 : width == 64 ? 22 : width - 1);
+}
+
+std::string named(const char* operation, const char* form, int width) {
+  return std::string("kdzk_") + operation + "_" + form + "_" + std::to_string(width) + "bit";
+}
+
+// The kernels that do nothing: one function for all.
+std::map<uint32_t, std::string> idle_kernels() {
   std::map<uint32_t, std::string> kernels;
+  for (int width : {8, 16, 32, 64}) kernels[row_of(width) * 128 + 15] = named("sum", "fixed", width);
+  for (int width : dict_widths) {
+    kernels[row_of(width) * 128 + 47] = named("sum", "dict", width);
+    kernels[row_of(width) * 128 + 48] = named("distinct", "dict", width);
+  }
+  return kernels;
+}
+
+TEST(Dispatch, HoldsTheKernelsOfTheMatrixAndNoOther) {
+  const auto idle = idle_kernels();
+  std::map<uint32_t, std::string> kernels = idle;
   for (const PredicateKernel& kernel : predicate_kernels()) kernels[kernel.id()] = kernel.name();
-  EXPECT_EQ(kernels.size(), 600u);
-  std::set<uint64_t> distinct;
+  EXPECT_EQ(kernels.size(), 600u + 48u);
+  std::set<uint64_t> distinct, idle_addresses;
   const char* shared = kdzk_name_of(&library(), 0);
   for (uint32_t id = 0; id < KDZK_DISPATCH_SIZE; id++) {
     uint64_t address;
     std::memcpy(&address, &library().dispatch[id], sizeof address);
     const auto kernel = kernels.find(id);
     EXPECT_EQ(address != 0, kernel != kernels.end()) << id;
-    if (address != 0) {
+    if (idle.contains(id)) {
+      idle_addresses.insert(address);
+    } else if (address != 0) {
       EXPECT_TRUE(distinct.insert(address).second) << kernel->second;
     }
     if (id >= KDZK_KERNEL_IDS) continue;
@@ -70,6 +94,9 @@ TEST(Dispatch, HoldsTheKernelsOfTheMatrixAndNoOther) {
       EXPECT_STREQ(shared, "kdzk_invalid_dispatch");
     }
   }
+  EXPECT_EQ(idle_addresses.size(), 1u);
+  EXPECT_FALSE(distinct.contains(*idle_addresses.begin()));
+  EXPECT_EQ(library().dispatch[idle.begin()->first].idle(nullptr, nullptr, nullptr, nullptr), 0u);
 }
 
 TEST(Dispatch, IsFoundByTheHeadersArithmetic) {

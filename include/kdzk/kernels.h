@@ -88,11 +88,25 @@ typedef uint64_t (*kdzk_compare_fn)(kdzk_vec* result, const kdzk_vec* input, con
 typedef uint64_t (*kdzk_between_fn)(kdzk_vec* result, const kdzk_vec* input, const kdzk_kargs* low,
                                     const kdzk_kargs* high, kdzk_exec* exec);
 
+/* decode, decode_unpack, decode_symbol: rows of `input` to arrays of `result`. `input` is changed and given back by
+ * decode_unpack of a run-length column, otherwise only read. */
+typedef uint64_t (*kdzk_decode_fn)(kdzk_vec* result, kdzk_vec* input, kdzk_exec* exec);
+
+/* burst_rle: bits per run, in `report`, to bits per row, in result->bitvec. */
+typedef uint64_t (*kdzk_burst_fn)(kdzk_vec* result, const kdzk_vec* src, const kdzk_result_report* report);
+
+/* sum and distinct, of `fixed` and `dict` columns. These do nothing, read nothing and return 0: they stand in the table
+ * so that every id that a host may form has a kernel. The 0 is no sum. */
+typedef uint64_t (*kdzk_idle_fn)(kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* second, kdzk_exec* exec);
+
 /* One entry of the dispatch table. Which member holds follows from the operation; `any` is null if there is no kernel.
  */
 typedef union kdzk_kernel {
   kdzk_compare_fn compare;
   kdzk_between_fn between;
+  kdzk_decode_fn decode;
+  kdzk_burst_fn burst;
+  kdzk_idle_fn idle;
   void (*any)(void);
 } kdzk_kernel;
 

@@ -53,6 +53,8 @@ class Column {
   uint32_t entry_of_row(size_t row) const { return entry_of_row_[row]; }
   std::string_view text_of_entry(uint32_t entry) const { return texts_[entry]; }
   uint32_t rank_of_entry(uint32_t entry) const { return rank_of_entry_[entry]; }  // not of the null entry
+  uint32_t entry_of_rank(uint32_t rank) const { return entry_of_rank_[rank]; }    // the first one, if it has several
+  int64_t whole_of_entry(uint32_t entry) const { return wholes_[entry]; }         // in a column of whole numbers
 
   // The text as a constant for this column: nothing if the column holds numbers and the text isn't one.
   std::optional<Value> constant(std::string_view text) const;

@@ -7,8 +7,6 @@
 #include <optional>
 #include <utility>
 
-#include "library.h"
-
 namespace ask {
 namespace {
 
@@ -21,21 +19,19 @@ uint32_t between_operation(uint32_t lower, uint32_t upper) {
 }
 
 // The one call for both, if they are the two ends of a range.
-std::optional<Call> joined(const Call& a, const Call& b, const Library& library) {
+std::optional<Call> joined(const Call& a, const Call& b) {
   if (a.store != b.store || a.kind != b.kind) return std::nullopt;
-  if (is_lower_bound(b.operation) && is_upper_bound(a.operation)) return joined(b, a, library);
+  if (is_lower_bound(b.operation) && is_upper_bound(a.operation)) return joined(b, a);
   if (!is_lower_bound(a.operation) || !is_upper_bound(b.operation)) return std::nullopt;
-  const uint32_t operation = between_operation(a.operation, b.operation);
-  if (!library.has(a.kind, operation)) return std::nullopt;
-  return Call{a.store, a.kind, operation, a.low, b.low};
+  return Call{a.store, a.kind, between_operation(a.operation, b.operation), a.low, b.low};
 }
 
 // Adds a term to those of an all_of, into an earlier call if it can be joined with one.
-void add_term(std::vector<Plan>& terms, Plan term, const Library& library) {
+void add_term(std::vector<Plan>& terms, Plan term) {
   if (term.kind == Plan::Kind::call) {
     for (Plan& earlier : terms) {
       if (earlier.kind != Plan::Kind::call) continue;
-      if (const auto call = joined(earlier.call, term.call, library)) {
+      if (const auto call = joined(earlier.call, term.call)) {
         earlier.call = *call;
         return;
       }
@@ -67,11 +63,11 @@ Plan combined(std::vector<Plan> terms, Plan::Kind kind, Plan::Kind neutral) {
 
 }  // namespace
 
-Plan all_of(std::vector<Plan> terms, const Library& library) {
+Plan all_of(std::vector<Plan> terms) {
   using Kind = Plan::Kind;
   std::vector<Plan> joined_terms;
   for (Plan& term : flattened(std::move(terms), Kind::all_of, Kind::every_row, Kind::no_row)) {
-    add_term(joined_terms, std::move(term), library);
+    add_term(joined_terms, std::move(term));
   }
   return combined(std::move(joined_terms), Kind::all_of, Kind::every_row);
 }

@@ -10,7 +10,6 @@
 
 namespace ask {
 
-class Library;
 class Store;
 
 // One kernel with its constants, in the form in which the kernel reads them.
@@ -32,7 +31,7 @@ struct Plan {
 
 // These simplify: no_row and every_row come out as a whole plan only, never as a term. A range of one column that
 // arrives as two comparisons becomes one call.
-Plan all_of(std::vector<Plan> terms, const Library& library);
+Plan all_of(std::vector<Plan> terms);
 Plan any_of(std::vector<Plan> terms);
 Plan complement_of(Plan plan);
 

@@ -2,7 +2,7 @@
 
 #include "frame/decompress.h"
 
-#include "frame/memory.h"
+#include "frame/failure.h"
 
 namespace kdzk {
 
@@ -12,9 +12,7 @@ const uint8_t* decompressed_copy(const KernelTexts& texts, const kdzk_vec* input
   const kdzk_sqzb_ctx ctx = {env->hctx, env->heap, env->tmp_alloc, env->tmp_free, copy};
   uint32_t written = 0;  // not compared with decomp_size: the decompressor's word is its return code
   if (env->decompress(&ctx, input->data, copy, &written, input->decomp_size) != 0) {
-    constexpr int word72_offset = 71 * 8;
-    const uint64_t word72 = load<uint64_t>(static_cast<const uint8_t*>(env->hctx) + word72_offset);
-    hostinternalerr(env->hctx, word72, texts.decode_failure, 0);
+    internal_error(env, texts.decode_failure);
   }
   return static_cast<const uint8_t*>(copy);
 }

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "bench/peers/unpack_loops.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace kdzk_bench {
+namespace {
+
+template <int W>
+uint32_t code(const uint8_t* stream, uint32_t row) {
+  const uint64_t bit = uint64_t{row} * W;
+  uint64_t span;
+  std::memcpy(&span, stream + bit / 32 * 4, 8);
+  return static_cast<uint32_t>(__builtin_bswap64(span) << bit % 32 >> (64 - W));
+}
+
+// Calls `f.operator()<width, Element>()` for a width and an element size known only now.
+template <int W = 1, class F>
+auto with_types(int width, int element, const F& f) {
+  if constexpr (W < 32) {
+    if (width != W) return with_types<W + 1>(width, element, f);
+  }
+  if (element == 1) return f.template operator()<W, uint8_t>();
+  return element == 2 ? f.template operator()<W, uint16_t>() : f.template operator()<W, uint32_t>();
+}
+
+}  // namespace
+
+void unpack_loop(const uint8_t* stream, int width, int element, void* out, uint32_t nrows) {
+  with_types(width, element, [=]<int W, class E>() {
+    auto* const to = static_cast<E*>(out);
+    for (uint32_t row = 0; row < nrows; row++) to[row] = static_cast<E>(code<W>(stream, row));
+  });
+}
+
+uint32_t unpack_selected_loop(const uint8_t* stream, int width, int element, const uint64_t* bits, void* out,
+                              uint32_t nrows) {
+  return with_types(width, element, [=]<int W, class E>() {
+    auto* const to = static_cast<E*>(out);
+    uint32_t n = 0;
+    for (uint32_t row = 0; row < nrows; row++) {
+      if (bits[row / 64] >> row % 64 & 1) to[n++] = static_cast<E>(code<W>(stream, row));
+    }
+    return n;
+  });
+}
+
+void expand_runs_loop(const uint8_t* stream, int width, int element, const uint8_t* lengths, uint32_t runs, void* out) {
+  with_types(width, element, [=]<int W, class E>() {
+    auto* to = static_cast<E*>(out);
+    for (uint32_t run = 0; run < runs; run++) to = std::fill_n(to, lengths[run], static_cast<E>(code<W>(stream, run)));
+  });
+}
+
+}  // namespace kdzk_bench

@@ -1,0 +1,270 @@
+// SPDX-License-Identifier: Apache-2.0
+// Decode-unpack: packed dictionary codes to an array of native integers, a batch at a time. The codes themselves, not
+// what they stand for. x86/unpack.h tells how codes become elements, this file which rows are taken:
+//
+//   row range        all rows from exec.row on, as many as the output has room for
+//   block selection  the selected rows, looking at all of them in blocks
+//   position walk    the selected rows, one by one
+//   row list         the rows of ones_vec
+//   runs             the same from a run-length column: x86/unpack_runs.h
+//
+// Block selection unpacks like a row range. Of every four rows the selected elements are moved to the front by a
+// shuffle, all four are stored where the output stands, and the output moves on by as many as were selected. So a store
+// may write up to four elements that the next one overwrites; a round isn't begun unless the output has room for all of
+// its rows.
+
+#include <numeric>
+
+#include "frame/decompress.h"
+#include "frame/families.h"
+#include "frame/services.h"
+#include "x86/unpack.h"
+#include "x86/unpack_runs.h"
+
+namespace kdzk {
+namespace {
+
+// One call on a plain column. `data` are the packed codes.
+struct Call {
+  const uint8_t* data;
+  kdzk_vec* result;
+  const kdzk_vec* input;
+  kdzk_exec* exec;
+
+  uint8_t* output() const { return static_cast<uint8_t*>(result->data); }
+};
+
+// Vectors begin at multiples of so many rows, which begin a byte at all widths.
+template <int W>
+inline constexpr uint32_t alignment = std::lcm(W, 8);
+
+// ---- Row range ----
+
+template <int W, int element>
+uint64_t unpack_range(const Call& call) {
+  const uint32_t start = call.exec->row;
+  const auto end = static_cast<uint32_t>(std::min<uint64_t>(uint64_t{start} + call.result->nrows, call.input->nrows));
+  call.exec->row = end - 1;
+  call.result->hits = start < end ? end - start : 0;
+  if (start >= end) return KDZK_NO_ROW;
+  unpack_rows<W, element>(call.data, start, end, call.output(), alignment<W>);
+  return KDZK_DONE;
+}
+
+// ---- Block selection ----
+
+// Shuffles that move the elements of selected rows to the front of their four: entry n is for the rows that n has bits
+// for. Elements of 4 bytes go by 4 rows, 16 bytes; those of 2 and 1 by two fours at once, 16 and 8 bytes.
+template <int element>
+struct Keep {
+  static constexpr int fours = element == 4 ? 1 : 2;
+  static constexpr int entries = fours == 1 ? 16 : 256;
+  struct Table {
+    alignas(16) uint8_t shuffle[entries][4 * fours * element];
+  };
+  static constexpr Table make() {
+    Table table{};
+    for (int n = 0; n < entries; n++) {
+      for (int four = 0; four < fours; four++) {
+        int kept = 0;
+        uint8_t* const to = table.shuffle[n] + 4 * four * element;
+        for (int row = 0; row < 4; row++) {
+          if ((n >> (4 * four + row) & 1) == 0) continue;
+          for (int byte = 0; byte < element; byte++)
+            to[kept * element + byte] = static_cast<uint8_t>((4 * four + row) * element + byte);
+          kept++;
+        }
+        for (int at = kept * element; at < 4 * element; at++) to[at] = 0x80;
+      }
+    }
+    return table;
+  }
+  static constexpr Table table = make();
+};
+
+static_assert(Keep<4>::table.shuffle[5][0] == 0 && Keep<4>::table.shuffle[5][4] == 8 &&
+              Keep<4>::table.shuffle[5][8] == 0x80);
+
+// Stores the selected of one vector's elements, a bit of `rows` each, and returns where the next ones go.
+template <int element>
+inline uint8_t* keep_selected(__m128i elements, uint32_t rows, uint8_t* out) {
+  const auto& shuffle = Keep<element>::table.shuffle;
+  const auto behind = [&](uint32_t mask) { return out + bits_set(rows & mask) * element; };
+  if constexpr (element == 4) {
+    store16(out, _mm_shuffle_epi8(elements, load16(shuffle[rows])));
+    return behind(0xf);
+  }
+  if constexpr (element == 2) {
+    const __m128i kept = _mm_shuffle_epi8(elements, load16(shuffle[rows]));  // two fours
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), kept);
+    store(behind(0xf), _mm_extract_epi64(kept, 1));
+    return behind(0xff);
+  }
+  if constexpr (element == 1) {
+    const __m128i low = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(shuffle[rows & 0xff]));
+    const __m128i high = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(shuffle[rows >> 8]));
+    const __m128i pick = _mm_unpacklo_epi64(low, _mm_add_epi8(high, _mm_set1_epi8(8)));  // the upper rows' bytes
+    const __m128i kept = _mm_shuffle_epi8(elements, pick);                               // four fours
+    const auto first = static_cast<uint64_t>(_mm_cvtsi128_si64(kept));
+    const auto second = static_cast<uint64_t>(_mm_extract_epi64(kept, 1));
+    store(out, static_cast<uint32_t>(first));
+    store(behind(0xf), static_cast<uint32_t>(first >> 32));
+    store(behind(0xff), static_cast<uint32_t>(second));
+    store(behind(0xfff), static_cast<uint32_t>(second >> 32));
+    return behind(0xffff);
+  }
+}
+
+template <int W, int element>
+uint64_t unpack_blocks(const Call& call) {
+  constexpr uint32_t round = rows_per_round<W>;
+  const auto* const selection = reinterpret_cast<const uint8_t*>(call.exec->selection);
+  const uint32_t nrows = call.input->nrows;
+  uint8_t* out = call.output();
+  uint8_t* const out_end = out + uint64_t{call.result->nrows} * element;
+  uint32_t row = call.exec->row;
+  const auto singles_up_to = [&](uint32_t end) {
+    for (; row < end && out < out_end; row++) {
+      if ((selection[row / 8] >> row % 8 & 1) == 0) continue;
+      store(out, static_cast<Element<element>>(single_code<W>(call.data, row)));
+      out += element;
+    }
+  };
+  if (row % alignment<W> != 0) {
+    const uint64_t aligned = (uint64_t{row} / alignment<W> + 1) * alignment<W>;
+    singles_up_to(static_cast<uint32_t>(std::min<uint64_t>(aligned, nrows)));
+  }
+  if (row < nrows && row % alignment<W> == 0) {
+    const uint8_t* in = call.data + uint64_t{row} * W / 8;
+    for (uint32_t rounds = (nrows - row) / round; rounds > 0; rounds--) {
+      if (out_end - out <= static_cast<ptrdiff_t>(round * element)) break;
+      for (int ahead : {640, 704}) {
+        _mm_prefetch(reinterpret_cast<const char*>(in + ahead), _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(out + ahead), _MM_HINT_T0);
+      }
+      for (uint32_t word = 0; word < round / 32; word++, in += 4 * W, row += 32) {
+        const uint32_t rows = load<uint32_t>(selection + row / 8);
+        if (rows == 0) continue;
+        constexpr int rows_per_vector = 16 / element;
+        constexpr uint32_t vector_rows = (1u << rows_per_vector) - 1;
+        [&]<int... i>(std::integer_sequence<int, i...>) {
+          ((out = keep_selected<element>(unpacked<W, element, i>(in), rows >> i * rows_per_vector & vector_rows, out)),
+           ...);
+        }
+        (std::make_integer_sequence<int, 32 / rows_per_vector>());
+      }
+    }
+  }
+  singles_up_to(nrows);
+  const auto hits = static_cast<uint32_t>(static_cast<size_t>(out - call.output()) / element);
+  call.result->hits = hits;
+  call.exec->out_flags |= KDZK_OUT_UNPACK_ROW;
+  if (call.result->nrows != 0) call.exec->row = row - 1;
+  return hits != 0 ? KDZK_DONE : KDZK_NO_ROW;
+}
+
+// ---- Position walk ----
+
+template <int W, int element>
+uint64_t unpack_positions(const Call& call) {
+  constexpr uint32_t batch = 256, lookahead = 10;
+  const uint32_t nrows = call.input->nrows, room = call.result->nrows;
+  uint8_t* const out = call.output();
+  uint32_t written = 0, last = room == 0 ? call.exec->row - 1 : nrows - 1;
+  if (call.exec->row < nrows) {
+    kdzk_bv_iter iter;
+    kdzk_bv_iter_init(&iter, call.exec->selection, nrows, 0, call.exec->row);
+    uint32_t rows[batch + lookahead] = {};  // row 0 is what is prefetched behind the last one
+    while (written < room) {
+      const uint32_t wanted = std::min(room - written, batch);
+      const auto n = static_cast<uint32_t>(kdzk_bv64_next_set_batch(&iter, rows, wanted));
+      for (uint32_t i = 0; i < n; i++) {
+        const uint64_t ahead = uint64_t{rows[i + lookahead]} * W / 8;
+        _mm_prefetch(reinterpret_cast<const char*>(call.data + ahead), _MM_HINT_T0);
+        store(out + uint64_t{written + i} * element, static_cast<Element<element>>(single_code<W>(call.data, rows[i])));
+      }
+      written += n;
+      if (n < wanted) break;
+      if (written == room) last = rows[n - 1];
+    }
+  }
+  call.exec->row = last;
+  call.exec->out_flags |= KDZK_OUT_UNPACK_ROW;
+  call.result->hits = written;
+  return written != 0 ? KDZK_DONE : KDZK_NO_ROW;
+}
+
+// ---- Row list ----
+
+template <int W, int element>
+uint64_t unpack_list(const Call& call) {
+  const uint32_t n = call.exec->ones_vec_size;
+  const uint32_t* const rows = call.exec->ones_vec;
+  for (uint32_t i = 0; i < n; i++) {
+    store(call.output() + uint64_t{i} * element, static_cast<Element<element>>(single_code<W>(call.data, rows[i])));
+  }
+  call.result->hits = n;
+  if (n != 0) call.exec->row = rows[n - 1];
+  call.exec->out_flags |= KDZK_OUT_UNPACK_ROW;
+  return n != 0 ? KDZK_DONE : KDZK_NO_ROW;
+}
+
+template <int W, int element>
+uint64_t unpack(const Call& call) {
+  const kdzk_enc_ctx* const enc = call.input->enc_ctx;
+  if ((enc->flags & KDZK_RLE) != 0) {
+    if (enc->unpack_width == 8)
+      return RunUnpacking<W, element, uint8_t>(call.data, call.result, call.input, call.exec).unpack();
+    return RunUnpacking<W, element, uint16_t>(call.data, call.result, call.input, call.exec).unpack();
+  }
+  if (call.exec->selection != nullptr) {
+    return (call.exec->flags & KDZK_EX_SELECTIVE) != 0 ? unpack_positions<W, element>(call)
+                                                       : unpack_blocks<W, element>(call);
+  }
+  return call.exec->ones_vec != nullptr ? unpack_list<W, element>(call) : unpack_range<W, element>(call);
+}
+
+template <int W>
+uint64_t unpack_member(const KernelTexts& texts, kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec) {
+  const Call call = {column_bytes(texts, input, exec), result, input, exec};
+  if constexpr (W <= 16) {
+    if ((exec->flags & KDZK_EX_UNPACK_WIDE) != 0) return unpack<W, 4>(call);
+  }
+  return unpack < W, W <= 8 ? 1 : W <= 16 ? 2 : 4 > (call);
+}
+
+}  // namespace
+
+template <class Family, DecodeOp op>
+uint64_t decode(kdzk_vec* result, kdzk_vec* input, kdzk_exec* exec) {
+  static_assert(op == DecodeOp::decode_unpack);
+  return unpack_member<Family::width>(kernel_texts<Family, op>, result, input, exec);
+}
+
+#define KDZK_DECODE_UNPACK(W) \
+  template uint64_t decode<Dict<W>, DecodeOp::decode_unpack>(kdzk_vec*, kdzk_vec*, kdzk_exec*);
+
+KDZK_DECODE_UNPACK(1)
+KDZK_DECODE_UNPACK(2)
+KDZK_DECODE_UNPACK(3)
+KDZK_DECODE_UNPACK(4)
+KDZK_DECODE_UNPACK(5)
+KDZK_DECODE_UNPACK(6)
+KDZK_DECODE_UNPACK(7)
+KDZK_DECODE_UNPACK(8)
+KDZK_DECODE_UNPACK(9)
+KDZK_DECODE_UNPACK(10)
+KDZK_DECODE_UNPACK(11)
+KDZK_DECODE_UNPACK(12)
+KDZK_DECODE_UNPACK(13)
+KDZK_DECODE_UNPACK(14)
+KDZK_DECODE_UNPACK(15)
+KDZK_DECODE_UNPACK(16)
+KDZK_DECODE_UNPACK(17)
+KDZK_DECODE_UNPACK(18)
+KDZK_DECODE_UNPACK(19)
+KDZK_DECODE_UNPACK(20)
+KDZK_DECODE_UNPACK(24)
+KDZK_DECODE_UNPACK(32)
+
+}  // namespace kdzk

@@ -235,14 +235,12 @@ uint64_t unpack_member(const KernelTexts& texts, kdzk_vec* result, const kdzk_ve
 
 }  // namespace
 
-template <class Family, DecodeOp op>
-uint64_t decode(kdzk_vec* result, kdzk_vec* input, kdzk_exec* exec) {
-  static_assert(op == DecodeOp::decode_unpack);
-  return unpack_member<Family::width>(kernel_texts<Family, op>, result, input, exec);
+template <class Family>
+uint64_t decode_unpack(kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec) {
+  return unpack_member<Family::width>(kernel_texts<Family, DecodeOp::decode_unpack>, result, input, exec);
 }
 
-#define KDZK_DECODE_UNPACK(W) \
-  template uint64_t decode<Dict<W>, DecodeOp::decode_unpack>(kdzk_vec*, kdzk_vec*, kdzk_exec*);
+#define KDZK_DECODE_UNPACK(W) template uint64_t decode_unpack<Dict<W>>(kdzk_vec*, const kdzk_vec*, kdzk_exec*);
 
 KDZK_DECODE_UNPACK(1)
 KDZK_DECODE_UNPACK(2)

@@ -1,0 +1,10 @@
+// SPDX-License-Identifier: Apache-2.0
+// Invariants whose violation ends the process, in every build type.
+#ifndef FRAME_ASSERTION_H
+#define FRAME_ASSERTION_H
+
+// The C library's handler behind assert(). Declared here, since <assert.h> doesn't where NDEBUG is defined.
+extern "C" [[noreturn]] void __assert_fail(const char* assertion, const char* file, unsigned line,
+                                           const char* function) noexcept;
+
+#endif

@@ -66,7 +66,7 @@ extern "C" __attribute__((visibility("default"))) constinit const kdzk_specializ
     .groupkey_dydi = nullptr,
     .sum_sortable = nullptr,
     .decode_sortable = nullptr,
-    .decode_prefix_records = nullptr,
+    .decode_prefix_records = kdzk::kdzk_decode_prefix_records,
     .hash_rows = nullptr,
     .ht_build = nullptr,
     .ht_probe = nullptr,
@@ -74,6 +74,6 @@ extern "C" __attribute__((visibility("default"))) constinit const kdzk_specializ
     .ht_gather = nullptr,
     .fill_pairs = nullptr,
     .pack_rows = nullptr,
-    .sqzb_decode_x86 = nullptr,
+    .sqzb_decode_x86 = kdzk::sqzb_decode_x86,
     .reserved0 = {kdzk::kdzk_reserved0, kdzk::kdzk_reserved0},
 };

@@ -81,8 +81,14 @@ struct BurstRle {
 };
 
 // The decoding kernels of a family.
-template <class Family, DecodeOp op>
-uint64_t decode(kdzk_vec* result, kdzk_vec* input, kdzk_exec* exec);
+template <class Family>
+uint64_t decode(kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec);
+
+template <class Family>
+uint64_t decode_unpack(kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec);
+
+template <class Family>
+uint64_t decode_symbol(kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec);
 
 template <int W, bool cla>
 uint64_t burst_rle(kdzk_vec* result, const kdzk_vec* src, const kdzk_result_report* report);

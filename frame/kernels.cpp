@@ -39,9 +39,16 @@ constexpr void list_predicates(KernelTables& tables) {
   (list_all_ops<Family<W>>(tables, std::make_integer_sequence<int, 10>()), ...);
 }
 
+template <class Family, DecodeOp op>
+constexpr kdzk_decode_fn decode_kernel() {
+  if constexpr (op == DecodeOp::decode) return decode<Family>;
+  if constexpr (op == DecodeOp::decode_unpack) return decode_unpack<Family>;
+  if constexpr (op == DecodeOp::decode_symbol) return decode_symbol<Family>;
+}
+
 template <DecodeOp op, int... W>
 constexpr void list_decode(KernelTables& tables) {
-  ((tables.dispatch[id_of<Dict<W>, op>()].decode = decode<Dict<W>, op>), ...);
+  ((tables.dispatch[id_of<Dict<W>, op>()].decode = decode_kernel<Dict<W>, op>()), ...);
   ((tables.names[id_of<Dict<W>, op>()] = kernel_name<Dict<W>, op>), ...);
 }
 
@@ -71,6 +78,14 @@ constexpr KernelTables list_kernels() {
   list_predicates<FixedTz, 8, 16, 32, 64>(tables);
   list_predicates<Dynp, 16, 32, 64>(tables);
   list_predicates<DynpTz, 16, 32, 64>(tables);
+  list_decode<DecodeOp::decode, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32>(tables);
+  list_decode<DecodeOp::decode_symbol, 8, 16, 32>(tables);
+  list_decode<DecodeOp::decode_unpack, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32>(
+      tables);
+  list_burst<8, false>(tables);
+  list_burst<8, true>(tables);
+  list_burst<16, false>(tables);
+  list_burst<16, true>(tables);
   list_idle<Fixed, IdleOp::sum, 8, 16, 32, 64>(tables);
   list_idle<Dict, IdleOp::sum, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32>(tables);
   list_idle<Dict, IdleOp::distinct, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32>(
@@ -87,7 +102,7 @@ constexpr int kernels_in(const KernelTables& tables) {
 }  // namespace
 
 constinit const KernelTables kernel_tables = list_kernels();
-static_assert(kernels_in(list_kernels()) == 648);
+static_assert(kernels_in(list_kernels()) == 699);
 static_assert(sizeof(KernelTables) == (KDZK_DISPATCH_SIZE + KDZK_KERNEL_IDS) * 8);
 
 }  // namespace kdzk

@@ -10,7 +10,7 @@ set -eu
 
 case "${1-}" in
   demo) needed="g++ cmake libcsv-dev robin-map-dev" ;;
-  test) needed="g++ cmake libcsv-dev robin-map-dev libgtest-dev libbenchmark-dev binutils pkg-config" ;;
+  test) needed="g++ cmake libcsv-dev robin-map-dev libgtest-dev libbenchmark-dev liblz4-dev wamerican binutils pkg-config" ;;
   *)
     echo "usage: $0 demo|test" >&2
     exit 2

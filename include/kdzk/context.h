@@ -58,6 +58,33 @@ typedef struct kdzk_bv_services {
 /* A service slot whose function this release doesn't have yet: null. */
 typedef void (*kdzk_absent_fn)(void);
 
+/* sqzb_decode_x86, a decompressor for kdzk_env.decompress: decodes a block of the format SQZB (docs/formats/sqzb.md).
+ * Takes two pieces of scratch from ctx->tmp_alloc, commented "sqzb_decode_x86 length_array" and "sqzb_decode_x86:
+ * symbol_array", and gives both back before it returns; of the record it reads hctx, tmp_alloc and tmp_free. The block
+ * must be readable for KDZK_PADDING bytes past its end. No byte of `dst` past those produced is touched.
+ *
+ * Returns KDZK_DONE, or KDZK_MALFORMED in two cases. The header is wrong or the block decodes to more than `capacity`
+ * bytes: nothing was allocated or written. Or the stream makes another number of bytes than the header says: they are
+ * in `dst`, and `*written` is their number. Beyond that the block is trusted; kdzk_host_sqzb_check is for others. */
+
+/* decode_prefix_records: expands a stream of records of 1 to 8 bytes, stored in groups of 16 without what all records
+ * of the group begin with (docs/formats/prefix_records.md), to an array of records.
+ *
+ * input->enc_ctx: prefix_group, which must be 16; prefix_width, the bytes of a record, 1 to 8; prefix_count, the number
+ * of records. input->nrows: the number of groups, at least 1, the last of which may have less than 16 records.
+ * input->data: the stream, readable for KDZK_PADDING bytes past its end. result->data: room for prefix_count *
+ * prefix_width bytes, of which all are written and none behind them. exec->xlate_info: room for a table of prefix_count
+ * kdzk_prefix_record, which is written; null, or a null `exec`: no table. No alignment is needed.
+ *
+ * Returns KDZK_DONE, or KDZK_MALFORMED if prefix_group or prefix_width is none of these; then nothing was written. The
+ * stream itself is trusted; kdzk_host_prefix_records_check is for others. */
+typedef struct kdzk_prefix_record {
+  const uint8_t* address; /* of the record, in result->data */
+  uint16_t width;         /* prefix_width */
+  uint16_t zero[3];
+} kdzk_prefix_record;
+typedef uint64_t (*kdzk_prefix_fn)(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
+
 /* The exported record: 67 words of 64 bits, a word per line unless said otherwise. */
 typedef struct kdzk_specialized_ctx {
   uint64_t magic;                       /* 0: KDZK_MAGIC */
@@ -74,7 +101,7 @@ typedef struct kdzk_specialized_ctx {
   kdzk_absent_fn groupkey_dydi;         /* 53 */
   kdzk_absent_fn sum_sortable;          /* 54 */
   kdzk_absent_fn decode_sortable;       /* 55 */
-  kdzk_absent_fn decode_prefix_records; /* 56 */
+  kdzk_prefix_fn decode_prefix_records; /* 56: see above */
   kdzk_absent_fn hash_rows;             /* 57 */
   kdzk_absent_fn ht_build;              /* 58 */
   kdzk_absent_fn ht_probe;              /* 59 */
@@ -82,10 +109,11 @@ typedef struct kdzk_specialized_ctx {
   kdzk_absent_fn ht_gather;             /* 61 */
   kdzk_absent_fn fill_pairs;            /* 62 */
   kdzk_absent_fn pack_rows;             /* 63 */
-  kdzk_decompress_fn sqzb_decode_x86;   /* 64: null in this release */
+  kdzk_decompress_fn sqzb_decode_x86;   /* 64: see above */
   uint64_t (*reserved0[2])(void);       /* 65, 66: reads nothing, returns 0 */
 } kdzk_specialized_ctx;
 
+KDZK_ASSERT_SIZE(kdzk_prefix_record, 16);
 KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, dispatch, 14 * 8);
 KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, noop1, 15 * 8);
 KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, bv8, 17 * 8);

@@ -88,11 +88,58 @@ typedef uint64_t (*kdzk_compare_fn)(kdzk_vec* result, const kdzk_vec* input, con
 typedef uint64_t (*kdzk_between_fn)(kdzk_vec* result, const kdzk_vec* input, const kdzk_kargs* low,
                                     const kdzk_kargs* high, kdzk_exec* exec);
 
-/* decode, decode_unpack, decode_symbol: rows of `input` to arrays of `result`. `input` is changed and given back by
- * decode_unpack of a run-length column, otherwise only read. */
-typedef uint64_t (*kdzk_decode_fn)(kdzk_vec* result, kdzk_vec* input, kdzk_exec* exec);
+/* decode, decode_unpack, decode_symbol: rows of `input` to arrays of `result`. `input` is only read.
+ *
+ * decode: the symbols of exec->ones_vec_size rows, in the order of exec->ones_vec; rows may repeat. Entry i of the
+ * arrays of `result`, at their natural alignment and with room for as many entries, is of row ones_vec[i]: data, a
+ * uint64_t, the address of its symbol; lengths, a uint16_t, the symbol's bytes; indicators, a uint16_t, 2 for a symbol
+ * without bytes and otherwise 0. Of `input` it reads data, enc_ctx and, under KDZK_BLOCKED, what decompression needs;
+ * of enc_ctx flags, dict_mode, base and, by dict_mode:
+ *   0   value_len, the length of all symbols. If it is 0 the column isn't read and result->data not written.
+ *   1   offsets. A length is taken modulo 65536: a symbol of 65536 bytes has length 0 and indicator 2.
+ * Neither exec->selection nor exec->flags nor a filter is looked at. Widths that aren't 8, 16 or 32 take a row's bit
+ * offset modulo 2^32: rows from 2^32 / width on give other rows' codes. Writes result->hits, the number of rows, and,
+ * unless that is 0, exec->row, the last row listed, and KDZK_OUT_DECODE_ROW. `exec` must not be null.
+ *
+ * decode_symbol: the same for input->nrows codes at input->data, as decode_unpack writes them: native integers of 1, 2
+ * or 4 bytes by the kernel's width, of 4 bytes with KDZK_EX_UNPACK_WIDE in exec->flags. result->indicators may be null
+ * unless the symbols are of length 0. With dict_mode 1 and n codes, a length that doesn't fit in 16 bits becomes the
+ * nearest number that does, as a signed number, in the first n / 8 * 8 rows; in the others it is taken modulo 65536.
+ * With KDZK_EX_COPY_VALUES in exec->flags2, of a 32-bit kernel and with dict_mode 0, result->data gets the symbols'
+ * bytes instead, back to back, and lengths and indicators aren't written; up to 16 symbols of one byte, as dict_size
+ * has it, must be readable up to the next of 1, 2, 4, 8 and 16 bytes. Writes result->hits, the number of codes, and
+ * nothing of `exec`, which must not be null.
+ *
+ * decode_unpack: the codes themselves, as native integers of 1 byte (widths up to 8), 2 (up to 16) or 4, or of 4 bytes
+ * at all widths with KDZK_EX_UNPACK_WIDE. result->data: the output, with room for result->nrows of them. Rows of the
+ * input->nrows that the column has are taken in one of these ways, from exec->row on:
+ *   selection, with KDZK_EX_SELECTIVE   its rows, visited one by one
+ *   selection, without                  its rows, looked at in blocks: up to four elements behind result->hits may be
+ *                                       written too, never beyond result->nrows
+ *   ones_vec                            these rows, in their order; the host sees to the room, exec->row isn't read
+ *   neither                             all rows
+ *
+ * Of a run-length column (KDZK_RLE; unpack_base, unpack_width) the first two are one way, both lists must ascend, and
+ * exec->run goes along between calls: zero it, or exec->row, to begin a scan. An empty ones_vec goes to
+ * hostinternalerr. Writes result->hits, the number of elements, and exec->row, the last row dealt with: the last one
+ * written if the output is full, otherwise the column's last; a host goes on with exec->row + 1. All ways but the last
+ * set KDZK_OUT_UNPACK_ROW. Returns KDZK_DONE, or KDZK_NO_ROW if nothing was written.
+ *
+ * decode and decode_symbol return KDZK_DONE, or KDZK_MALFORMED with nothing written if dict_mode is neither 0 nor 1.
+ * Codes must be below the dictionary's size; no kernel checks them. */
+typedef uint64_t (*kdzk_decode_fn)(kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec);
 
-/* burst_rle: bits per run, in `report`, to bits per row, in result->bitvec. */
+/* burst_rle: bits per run to bits per row. A result_cb calls it with what it was given itself.
+ *
+ * report->bitvec: a bit for each of the src->enc_ctx->own_nrows runs. report->hits: how many of them are set, which
+ * only chooses the fastest way. result->nrows: rows, the sum of all run lengths. result->bitvec: (nrows + 63) / 64
+ * words, all of which are written, and none behind them; bits past the last row are clear. result->hits: rows set.
+ * Of src->enc_ctx, without `_cla`: unpack_base, the address of a run length per run, of a byte or, at that alignment, a
+ * big-endian uint16_t. With `_cla`: run_offsets; the lengths are not read and may be of any size, and the two kernels
+ * do the same. `result` and `src` may be the same record.
+ *
+ * Returns KDZK_DONE, or KDZK_NO_ROW if no row is set. Two mistakes end the process with a failed assertion, in every
+ * build: a column without KDZK_RLE, and a report->bitvec that is result->bitvec. */
 typedef uint64_t (*kdzk_burst_fn)(kdzk_vec* result, const kdzk_vec* src, const kdzk_result_report* report);
 
 /* sum and distinct, of `fixed` and `dict` columns. These do nothing, read nothing and return 0: they stand in the table

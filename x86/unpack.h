@@ -186,16 +186,19 @@ inline constexpr int vectors_together = element == 1 && W == 2   ? 4
                                         : element == 1 && W == 4 ? 2
                                                                  : 1;
 
+// Writes vectors `first`, first + 1, ... of a round to `out`.
+template <int W, int element, int first, int... i>
+[[gnu::always_inline]] inline void unpack_together(const uint8_t* in, uint8_t* out, std::integer_sequence<int, i...>) {
+  const __m128i vectors[] = {unpacked<W, element, first + i>(in)...};
+  (store16(out + 16 * (first + i), vectors[i]), ...);
+}
+
 // Writes the codes of one round to `out`.
 template <int W, int element>
 inline void unpack_round(const uint8_t* in, uint8_t* out) {
   constexpr int together = vectors_together<W, element>;
-  const auto store_group = [=]<int group, int... i>(std::integer_sequence<int, i...>) {
-    const __m128i vectors[] = {unpacked<W, element, group * together + i>(in)...};
-    (store16(out + 16 * (group * together + i), vectors[i]), ...);
-  };
-  [&]<int... group>(std::integer_sequence<int, group...>) {
-    (store_group.template operator()<group>(std::make_integer_sequence<int, together>()), ...);
+  [=]<int... group>(std::integer_sequence<int, group...>) {
+    (unpack_together<W, element, group * together>(in, out, std::make_integer_sequence<int, together>()), ...);
   }
   (std::make_integer_sequence<int, static_cast<int>(rows_per_round<W>) * element / 16 / together>());
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Decode-unpack in its ways of picking rows. `plain_loop` fetches and stores row by row, `memset` only stores the same
-// bytes, `row_range` is the kernel over all of the rows that a selection picks from, `fill_per_run` one fill a run.
-// Bytes are those of the output.
+// Decode-unpack in its ways of picking rows. `plain_loop` fetches and stores row by row, `store_loop` only stores the
+// same bytes, `row_range` is the kernel over all of the rows that a selection picks from, `fill_per_run` one fill a
+// run. Bytes are those of the output.
 
 #include <algorithm>
 #include <cstring>
@@ -74,12 +74,7 @@ void add_range(int width, bool wide, uint32_t nrows) {
     return std::vector<Peer>{
         kdzk_peer(u),
         loop_peer("plain_loop", u, [=](void* out) { unpack_loop(stream, width, u->element, out, nrows); }),
-        {"memset",
-         [=] {
-           std::memset(u->out.data(), 1, bytes);
-           benchmark::ClobberMemory();
-         },
-         nullptr}};
+        {"store_loop", [=] { store_loop(u->out.data(), bytes); }, nullptr}};
   });
 }
 

@@ -138,10 +138,7 @@ uint64_t unpack_blocks(const Call& call) {
     const uint8_t* in = call.data + uint64_t{row} * W / 8;
     for (uint32_t rounds = (nrows - row) / round; rounds > 0; rounds--) {
       if (out_end - out <= static_cast<ptrdiff_t>(round * element)) break;
-      for (int ahead : {640, 704}) {
-        _mm_prefetch(reinterpret_cast<const char*>(in + ahead), _MM_HINT_T0);
-        _mm_prefetch(reinterpret_cast<const char*>(out + ahead), _MM_HINT_T0);
-      }
+      prefetch_round(in, out);
       for (uint32_t word = 0; word < round / 32; word++, in += 4 * W, row += 32) {
         const uint32_t rows = load<uint32_t>(selection + row / 8);
         if (rows == 0) continue;

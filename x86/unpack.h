@@ -180,6 +180,16 @@ inline constexpr uint32_t rows_per_round = W == 1 || W == 2 || W == 4 || W == 8 
                                            : PackedRows<W>::most_bytes == 2 || W == 16 ? 64
                                                                                        : 32;
 
+// Fetches what a round will read and write a few rounds later, into the second cache: on Zen 4 (g++ 12) 64 Mi rows from
+// memory take three quarters of the time that they take with the first cache as the target, and no more in cache
+// (kdzk_bench, unpack_*bit/64Mi).
+inline void prefetch_round(const uint8_t* in, const uint8_t* out) {
+  for (int ahead : {640, 704}) {
+    _mm_prefetch(reinterpret_cast<const char*>(in + ahead), _MM_HINT_T1);
+    _mm_prefetch(reinterpret_cast<const char*>(out + ahead), _MM_HINT_T1);
+  }
+}
+
 // Vectors that are split off the same bytes, and so are made together before one of them is stored.
 template <int W, int element>
 inline constexpr int vectors_together = element == 1 && W == 2   ? 4
@@ -216,10 +226,7 @@ inline void unpack_rows(const uint8_t* data, uint32_t row, uint32_t end, uint8_t
   }
   const uint8_t* in = data + uint64_t{row} * W / 8;
   for (uint32_t rounds = (end - row) / round; rounds > 0; rounds--) {
-    for (int ahead : {640, 704}) {
-      _mm_prefetch(reinterpret_cast<const char*>(in + ahead), _MM_HINT_T0);
-      _mm_prefetch(reinterpret_cast<const char*>(out + ahead), _MM_HINT_T0);
-    }
+    prefetch_round(in, out);
     unpack_round<W, element>(in, out);
     in += round * W / 8;
     out += round * element;

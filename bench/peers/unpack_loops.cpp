@@ -2,6 +2,8 @@
 
 #include "bench/peers/unpack_loops.h"
 
+#include <emmintrin.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -52,6 +54,15 @@ void expand_runs_loop(const uint8_t* stream, int width, int element, const uint8
     auto* to = static_cast<E*>(out);
     for (uint32_t run = 0; run < runs; run++) to = std::fill_n(to, lengths[run], static_cast<E>(code<W>(stream, run)));
   });
+}
+
+void store_loop(void* out, uint64_t bytes) {
+  const __m128i ones = _mm_set1_epi8(1);
+  auto* to = static_cast<__m128i*>(out);
+  for (const auto* const end = to + bytes / 16; to < end; to++) {
+    _mm_storeu_si128(to, ones);
+    asm volatile("" ::: "memory");  // or the compiler makes a memset of it
+  }
 }
 
 }  // namespace kdzk_bench

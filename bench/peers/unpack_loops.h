@@ -17,6 +17,9 @@ uint32_t unpack_selected_loop(const uint8_t* stream, int width, int element, con
 // A fetch and a std::fill_n per run, which is memset for elements of 1 byte.
 void expand_runs_loop(const uint8_t* stream, int width, int element, const uint8_t* lengths, uint32_t runs, void* out);
 
+// Stores so many bytes, 16 at a time: what any unpacking has to do.
+void store_loop(void* out, uint64_t bytes);
+
 }  // namespace kdzk_bench
 
 #endif

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "dynp_store.h"
 
+#include <kdzk/host/packed_codes.h>
+
 #include <algorithm>
 #include <bit>
-
-#include "bit_writer.h"
 
 namespace ask {
 namespace {
@@ -27,7 +27,8 @@ DynpStore::DynpStore(const Column& column) : Store(column), keys_(column, name, 
 
   const size_t rows = column.rows();
   const uint32_t length_bits = width / 16;  // for lengths of 1 to width / 8, stored less one
-  BitWriter lengths(length_bits);
+  std::vector<uint32_t> lengths;
+  lengths.reserve(rows);
   std::vector<size_t> starts;  // of the vectors, in bytes of data_
   for (size_t row = 0; row < rows; row++) {
     if (row % vector_rows == 0) starts.push_back(data_.size());
@@ -35,11 +36,12 @@ DynpStore::DynpStore(const Column& column) : Store(column), keys_(column, name, 
     const auto value = SortKeys::stored(key);
     const uint32_t length = stored_bytes(key);
     data_.insert(data_.end(), value.begin(), value.begin() + length);
-    lengths.put(length - 1);
+    lengths.push_back(length - 1);
   }
   starts.push_back(data_.size());
   data_.insert(data_.end(), KDZK_PADDING, 0);
-  lengths_ = lengths.finish(KDZK_PADDING);
+  lengths_.resize(kdzk_host_packed_bytes(rows, length_bits) + KDZK_PADDING);
+  kdzk_host_pack(lengths.data(), rows, length_bits, lengths_.data());
 
   for (size_t vector = 0; vector < vectors_of(rows); vector++) {
     add_vector({starts[vector], starts[vector + 1] - starts[vector]}, stretch(vector, length_bits));

@@ -7,6 +7,7 @@
 #include <deque>
 #include <utility>
 
+#include "callbacks.h"
 #include "error.h"
 
 namespace ask {
@@ -49,13 +50,14 @@ Relation opposite(Relation relation) {
 // Runs one plan over the vectors of a table, one after the other.
 class Run {
  public:
-  explicit Run(const Library& library) : library_(library), bits_(library.bits()) {}
+  explicit Run(const Library& library) : library_(library), bits_(library.bits()), callbacks_(library) {}
 
   // Writes the rows that the plan finds to `bits`, and returns their number.
   uint64_t over_table(const Plan& plan, size_t rows, std::vector<uint64_t>& bits) {
     uint64_t hits = 0;
     for (size_t vector = 0; vector < vectors_of(rows); vector++) {
       hits += evaluate(plan, vector, rows_of_vector(vector, rows), {}, &bits[vector * vector_words]);
+      callbacks_.release_copies();
     }
     return hits;
   }
@@ -92,10 +94,12 @@ class Run {
     high.data = const_cast<uint8_t*>(call.high.data());
     high.enc_ctx = input.enc_ctx;
     kdzk_exec exec{};
-    exec.selection = selection.bits;
+    exec.env = callbacks_.env();
+    // A selection would be one of runs where there are runs, so it has to wait for the rows.
+    exec.selection = store.has_runs() ? nullptr : selection.bits;
     // Where a row lies is known from the lengths before it, so these are read in any case.
     const bool selective =
-        selection.bits != nullptr && selection.rows < rows / store.selective_part() && store.width() > 1;
+        exec.selection != nullptr && selection.rows < rows / store.selective_part() && store.width() > 1;
     if (selective) exec.flags = KDZK_EX_SELECTIVE;
     input_bytes_ += length_bytes + (selective ? data_bytes * selection.rows / rows : data_bytes);
 
@@ -105,6 +109,7 @@ class Run {
     if (code != KDZK_DONE && code != KDZK_NO_ROW) {
       throw Error(std::string(library_.name(call.kind, call.operation)) + " returned " + std::to_string(code));
     }
+    if (selection.bits != exec.selection) bits_.bv_and(out, &result.hits, out, selection.bits, rows);
     return result.hits;
   }
 
@@ -162,17 +167,22 @@ class Run {
 
   const Library& library_;
   const kdzk_bv_services& bits_;
+  Callbacks callbacks_;
   std::deque<Bits> scratch_;
   size_t depth_ = 0;
   uint64_t input_bytes_ = 0;
 };
 
-void add_kernel_names(const Plan& plan, const Library& library, std::vector<std::string>& names) {
-  if (plan.kind == Plan::Kind::call) {
-    const std::string name = library.name(plan.call.kind, plan.call.operation);
+void add_function_names(const Plan& plan, const Library& library, std::vector<std::string>& names) {
+  const auto add = [&](const char* name) {
     if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+  };
+  if (plan.kind == Plan::Kind::call) {
+    if (plan.call.store->is_blocked()) add("sqzb_decode_x86");
+    add(library.name(plan.call.kind, plan.call.operation));
+    if (plan.call.store->has_runs()) add(library.name(Callbacks::burst_kind, KDZK_OP_BURST_RLE));
   }
-  for (const Plan& term : plan.terms) add_kernel_names(term, library, names);
+  for (const Plan& term : plan.terms) add_function_names(term, library, names);
 }
 
 }  // namespace
@@ -236,9 +246,9 @@ Answer Engine::answer(const Plan& plan) const {
   return answer;
 }
 
-std::vector<std::string> kernel_names(const Plan& plan, const Library& library) {
+std::vector<std::string> function_names(const Plan& plan, const Library& library) {
   std::vector<std::string> names;
-  add_kernel_names(plan, library, names);
+  add_function_names(plan, library, names);
   return names;
 }
 

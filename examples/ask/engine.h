@@ -46,8 +46,8 @@ class Engine {
   std::map<const Column*, std::unique_ptr<Store>> stores_;
 };
 
-// The names of the kernels that a plan calls, each once, in order.
-std::vector<std::string> kernel_names(const Plan& plan, const Library& library);
+// The names of the library's functions that a plan needs, each once: kernels, and what works on their columns.
+std::vector<std::string> function_names(const Plan& plan, const Library& library);
 
 }  // namespace ask
 

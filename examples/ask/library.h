@@ -19,6 +19,8 @@ class Library {
 
   const kdzk_bv_services& bits() const { return context_->bv64; }
 
+  kdzk_decompress_fn decompressor() const { return context_->sqzb_decode_x86; }
+
   // Kernels by a column's kind and an operation. Not every combination exists.
   const kdzk_kernel& kernel(uint8_t kind, uint32_t operation) const {
     return context_->dispatch[kdzk_id_of_kind(kind, operation)];

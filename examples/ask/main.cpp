@@ -42,10 +42,12 @@ Options:
   --show N              print the first N rows of each answer, as CSV
   --library FILE        use this build of the kernel library
   --store COLUMN=FORM   store a column in this form; may be given for several columns. The forms:
-                          dict    any column, as codes of as few bits as its distinct values need; the default
-                          fixed   whole numbers, each in the 1 to 8 bytes that the column's range needs
-                          dynp    text of up to 8 bytes, each in as many bytes as it has, and its length beside it
-                        NULLs have a place in dict only.
+                          dict     any column, as codes of as few bits as its distinct values need; the default
+                          blocked  the same, compressed block by block, and decompressed for each question
+                          runs     the same, but one code for rows on end that have the same value
+                          fixed    whole numbers, each in the 1 to 8 bytes that the column's range needs
+                          dynp     text of up to 8 bytes, each in as many bytes as it has, and its length beside it
+                        NULLs have no place in fixed and dynp.
   --progress            tell how far the file is read, even if standard error is no terminal
   --demo DIRECTORY      ask some questions about flights.csv and airports.csv in that directory
   --help                print this
@@ -62,8 +64,9 @@ NULL fulfils no comparison, nor a negated one: rows without a state are not foun
 `state != CA`, nor by `not (state = CA)`.
 
 For each question: how many rows it finds, how many rows and bytes of packed columns per second the kernels went
-through (the best of several laps over all rows, on one thread, so that a small table is in the cache), which kernels
-those were, and "checked" if a plain scan over the values as they were read gives the same answer for every row.
+through (the best of several laps over all rows, on one thread, so that a small table is in the cache; decompression is
+part of a lap), which kernels those were, what they needed done to the columns, and "checked" if a plain scan over the
+values as they were read gives the same answer for every row.
 
 Exit status: 0 all answers checked, 1 an answer was wrong, 2 the file, a question or the library was refused.
 
@@ -72,6 +75,7 @@ Examples:
   kdzk-ask flights.csv "delay between 60 and 120" "origin = SFO and not (delay > 0)"
   kdzk-ask --show 5 airports.csv "city = 'San Francisco' or latitude > 70"
   kdzk-ask --store distance=fixed --store origin=dynp flights.csv "origin = SFO and distance > 1000"
+  kdzk-ask --store date=runs --store destination=blocked flights.csv "date > 2001-06-01 and destination = SFO"
   xz -dc flights-3m.csv.xz | kdzk-ask - "date = 2001-02-14 and destination is SFO"
 )help";
 
@@ -100,14 +104,16 @@ const Questions flight_questions = {
     "delay > 100000",
 };
 
-const Forms other_flight_forms = {
-    {"time", "dynp"}, {"delay", "fixed"}, {"distance", "fixed"}, {"origin", "dynp"}, {"destination", "dynp"}};
+const Forms other_flight_forms = {{"date", "runs"},      {"time", "dynp"},   {"delay", "fixed"},
+                                  {"distance", "fixed"}, {"origin", "dynp"}, {"destination", "blocked"}};
 
 const Questions flight_questions_again = {
     "delay between 60 and 120",
     "origin = SFO and distance > 1000",
     "(origin = JFK or origin = LGA or origin = EWR) and time < 06:00",
     "distance not between 200 and 2000",
+    "not (delay > 0) and date between 2001-03-01 and 2001-03-31",
+    "destination is BOS",
     "date = 2001-02-14 and destination is BOS and delay >= 30",
 };
 
@@ -173,13 +179,15 @@ Options parse_options(int count, char** words) {
 
 void print_columns(const Table& table, const Engine& engine, double load_seconds) {
   size_t csv_bytes = 0;
-  std::vector<std::vector<std::string>> lines{{"column", "type", "distinct", "nulls", "stored as", "packed", "in CSV"}};
+  std::vector<std::vector<std::string>> lines{
+      {"column", "type", "distinct", "nulls", "stored as", "in CSV", "packed", "compressed"}};
   for (const Column& column : table.columns) {
     const Store& store = engine.store(column);
     csv_bytes += column.csv_bytes();
     lines.push_back({column.name(), name_of(column.type()), grouped(column.ranks()), grouped(column.nulls()),
-                     std::to_string(store.width()) + "-bit " + store.form(), byte_size(store.bytes()),
-                     byte_size(column.csv_bytes())});
+                     std::to_string(store.width()) + "-bit " + store.form(), byte_size(column.csv_bytes()),
+                     byte_size(store.packed_bytes()),
+                     store.compressed_bytes() > 0 ? byte_size(store.compressed_bytes()) : "-"});
   }
   std::printf("%s: %s %s, %s of CSV, loaded in %.2f s\n\n", table.file.c_str(), grouped(table.rows()).c_str(),
               table.rows() == 1 ? "row" : "rows", byte_size(csv_bytes).c_str(), load_seconds);
@@ -232,7 +240,7 @@ bool ask_question(const std::string& text, const Question& question, const Table
               total.c_str(), right(percentage(answer.hits, rows), 8).c_str(), left(speed_of(answer, rows), 43).c_str(),
               wrong_row || wrong_count ? "WRONG" : "checked");
   std::string names;
-  for (const std::string& name : kernel_names(plan, library)) names += "  " + name;
+  for (const std::string& name : function_names(plan, library)) names += "  " + name;
   if (!names.empty()) std::printf("%s\n", names.c_str());
   if (show > 0) print_rows(table, answer, show);
   std::puts("");

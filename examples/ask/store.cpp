@@ -3,10 +3,12 @@
 
 #include <string>
 
+#include "blocked_store.h"
 #include "dict_store.h"
 #include "dynp_store.h"
 #include "error.h"
 #include "fixed_store.h"
+#include "runs_store.h"
 
 namespace ask {
 namespace {
@@ -21,8 +23,11 @@ struct KnownForm {
   std::unique_ptr<Store> (*make)(const Column& column);
 };
 
-constexpr KnownForm known_forms[] = {
-    {DictStore::name, make<DictStore>}, {FixedStore::name, make<FixedStore>}, {DynpStore::name, make<DynpStore>}};
+constexpr KnownForm known_forms[] = {{DictStore::name, make<DictStore>},
+                                     {BlockedStore::name, make<BlockedStore>},
+                                     {RunsStore::name, make<RunsStore>},
+                                     {FixedStore::name, make<FixedStore>},
+                                     {DynpStore::name, make<DynpStore>}};
 
 }  // namespace
 
@@ -33,12 +38,15 @@ size_t Store::bytes() const {
 }
 
 void Store::require_kernels(const Library& library) const {
+  bool complete = helpers_in(library);
   for (const uint8_t kind : {encoding_.kind, value_kind_}) {
     for (uint32_t operation = KDZK_OP_EQ; operation <= KDZK_OP_GE_LE; operation++) {
-      if (library.has(kind, operation)) continue;
-      throw Error("column " + column_.name() + " is stored as " + std::to_string(width()) + "-bit " + form() +
-                  ", and the library lacks kernels for that");
+      complete &= library.has(kind, operation);
     }
+  }
+  if (!complete) {
+    throw Error("column " + column_.name() + " is stored as " + std::to_string(width()) + "-bit " + form() +
+                ", and the library lacks functions for that");
   }
 }
 
@@ -53,7 +61,7 @@ Store::Stretch Store::stretch(size_t vector, uint32_t bits) const {
   return {vector * vector_rows / 8 * bits, (size_t{rows_of_vector(vector, column_.rows())} * bits + 7) / 8};
 }
 
-void Store::add_vector(Stretch data, Stretch lengths) {
+Store::Vector& Store::add_vector(Stretch data, Stretch lengths) {
   Vector vector{};
   vector.input.data = data_.data() + data.first_byte;
   vector.input.lengths = lengths_.data() + lengths.first_byte;
@@ -61,7 +69,7 @@ void Store::add_vector(Stretch data, Stretch lengths) {
   vector.input.nrows = rows_of_vector(vectors_.size(), column_.rows());
   vector.data_bytes = data.bytes;
   vector.length_bytes = lengths.bytes;
-  vectors_.push_back(vector);
+  return vectors_.emplace_back(vector);
 }
 
 // The kernels get only constants that are values of the column: a comparison with a value that isn't there is one with

@@ -31,8 +31,8 @@ class Store {
  public:
   struct Vector {
     kdzk_vec input;
-    size_t data_bytes;
-    size_t length_bytes;  // 0 in forms without lengths
+    size_t data_bytes;    // that the kernels go through; of a block, decompressed
+    size_t length_bytes;  // of what tells where rows lie: lengths, or where runs begin; 0 in forms without
   };
 
   virtual ~Store() = default;
@@ -41,14 +41,20 @@ class Store {
 
   virtual const char* form() const = 0;
   uint32_t width() const { return encoding_.width; }  // bits of a value, at most
-  size_t bytes() const;
+  bool has_runs() const { return (encoding_.flags & KDZK_RLE) != 0; }
+  bool is_blocked() const { return (encoding_.flags & KDZK_BLOCKED) != 0; }
+
+  // Bytes of the rows' values, packed, and what a form that compresses makes of them; 0 for the other forms.
+  virtual size_t packed_bytes() const { return bytes(); }
+  virtual size_t compressed_bytes() const { return 0; }
+
   const Vector& vector(size_t number) const { return vectors_[number]; }
 
   // With less than this part of a vector's rows still in question, visiting them one by one is the faster way.
   uint32_t selective_part() const { return selective_part_; }
 
   Plan plan(const Comparison& comparison) const;
-  void require_kernels(const Library& library) const;  // throws Error if it lacks any that a plan may call
+  void require_kernels(const Library& library) const;  // throws Error if it lacks any that a plan may need
 
  protected:
   // Bytes of a stream that belong to one vector.
@@ -59,14 +65,20 @@ class Store {
 
   explicit Store(const Column& column) : column_(column) {}
 
+  const Column& column() const { return column_; }
+  size_t bytes() const;  // of the vectors, as Vector has them
+
   // The value of a rank as the kernels take it.
   virtual Call::Constant constant(uint32_t rank) const = 0;
+
+  // Whether the library has what the form needs beside the kernels of its kind.
+  virtual bool helpers_in(const Library&) const { return true; }
 
   // For the constructors of the forms, in this order. Streams end with KDZK_PADDING bytes and don't move any more once
   // there are vectors.
   void choose_kernels(uint32_t family, uint32_t width);
   Stretch stretch(size_t vector, uint32_t bits) const;  // in a stream with so many bits a row
-  void add_vector(Stretch data, Stretch lengths = {});
+  Vector& add_vector(Stretch data, Stretch lengths = {});
 
   kdzk_enc_ctx encoding_{};
   // At one row in 64, a `ge` over all 65,536 rows takes 3.0 us at 2 bits and 5.8 us at 24, a visit 3.0 and 2.8 us

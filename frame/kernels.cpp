@@ -4,6 +4,8 @@
 
 #include "frame/kernels.h"
 
+#include <utility>
+
 #include "frame/families.h"
 #include "frame/kernel_name.h"
 

@@ -20,6 +20,8 @@
 // Invariants. A step is a whole number of 8-row groups and so of bytes; all its rows are real, so an inverted word has
 // no bits to clear. Its last load ends at most 8 bytes behind it.
 
+#include <algorithm>
+
 #include "x86/lanes.h"
 
 namespace kdzk {

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstddef>
+#include <type_traits>
 #include <utility>
 
 #include "frame/memory.h"

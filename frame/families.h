@@ -10,59 +10,38 @@
 
 namespace kdzk {
 
-// Each family has a form and a suffix, the parts of its kernels' names, and a place in the matrix: a family number, and
-// what is added to the row of its width.
-
-// Dictionary codes of W bits.
-template <int W>
-struct Dict {
+// What a family is called and where it stands: form and suffix are parts of its kernels' names, `variant` is added to
+// the row of its width.
+template <int W, uint32_t family_number, bool is_variant>
+struct Place {
   static constexpr int width = W;
-  static constexpr const char* form = "dict";
-  static constexpr const char* suffix = "";
-  static constexpr uint32_t family = KDZK_FAMILY_DICT;
-  static constexpr uint32_t variant = 0;
+  static constexpr uint32_t family = family_number;
+  static constexpr uint32_t variant = is_variant ? KDZK_ROW_VARIANT : 0;
+  static constexpr const char* form = family == KDZK_FAMILY_DICT   ? "dict"
+                                      : family == KDZK_FAMILY_DYNP ? "dynp"
+                                                                   : "fixed";
+  static constexpr const char* suffix = !is_variant ? "" : family == KDZK_FAMILY_DICT ? "_null" : "_tz";
 };
 
-// The same, with code 0 standing for null.
+// Dictionary codes of W bits; the same with code 0 standing for null.
 template <int W>
-struct DictNull : Dict<W> {
-  static constexpr const char* suffix = "_null";
-  static constexpr uint32_t variant = KDZK_ROW_VARIANT;
-};
+struct Dict : Place<W, KDZK_FAMILY_DICT, false> {};
+template <int W>
+struct DictNull : Place<W, KDZK_FAMILY_DICT, true> {};
 
-// Big-endian values of W bits, or fewer whole bytes left-aligned in W bits.
+// Big-endian values of W bits, or fewer whole bytes left-aligned in W bits; the same, each with a length code that
+// takes part in the compare behind the value.
 template <int W>
-struct Fixed {
-  static constexpr int width = W;
-  static constexpr const char* form = "fixed";
-  static constexpr const char* suffix = "";
-  static constexpr uint32_t family = KDZK_FAMILY_FIXED;
-  static constexpr uint32_t variant = 0;
-};
+struct Fixed : Place<W, KDZK_FAMILY_FIXED, false> {};
+template <int W>
+struct FixedTz : Place<W, KDZK_FAMILY_FIXED, true> {};
 
-// The same, each with a length code that takes part in the compare behind the value.
+// Big-endian values of W bits without their trailing zero bytes, back to back, with a stream of length codes; the same
+// with the length code taking part in the compare.
 template <int W>
-struct FixedTz : Fixed<W> {
-  static constexpr const char* suffix = "_tz";
-  static constexpr uint32_t variant = KDZK_ROW_VARIANT;
-};
-
-// Big-endian values of W bits without their trailing zero bytes, back to back, with a stream of length codes.
+struct Dynp : Place<W, KDZK_FAMILY_DYNP, false> {};
 template <int W>
-struct Dynp {
-  static constexpr int width = W;
-  static constexpr const char* form = "dynp";
-  static constexpr const char* suffix = "";
-  static constexpr uint32_t family = KDZK_FAMILY_DYNP;
-  static constexpr uint32_t variant = 0;
-};
-
-// The same, with the length code taking part in the compare.
-template <int W>
-struct DynpTz : Dynp<W> {
-  static constexpr const char* suffix = "_tz";
-  static constexpr uint32_t variant = KDZK_ROW_VARIANT;
-};
+struct DynpTz : Place<W, KDZK_FAMILY_DYNP, true> {};
 
 // The predicate kernels of a family: `compare` for the one-sided operations, `between` for the two-sided ones.
 template <class Family, Op op>

@@ -77,6 +77,16 @@ void expect_result(const std::vector<bool>& want, const GuardedBits& got, const 
   EXPECT_EQ(returned, hits > 0 ? KDZK_DONE : KDZK_NO_ROW);
 }
 
+// Calls the kernel on the vector and expects these rows.
+void expect_answer(const Vector& vector, kdzk_exec* exec, const std::vector<bool>& want) {
+  GuardedBits bits(want.size());
+  kdzk_vec result{};
+  result.bitvec = bits.words();
+  result.nrows = vector.nrows();
+  const uint64_t returned = vector.call(&result, exec);
+  expect_result(want, bits, result, returned);
+}
+
 // The cases of the 1-bit kernels that answer with all rows are not to be called without rows.
 bool undefined_without_rows(const PredicateKernel& kernel) { return kernel.width == 1; }
 
@@ -358,18 +368,12 @@ TEST(EightBitPredicates, CutALargeConstantInWholeSteps) {
         const bool whole = r < 256;
         want[r] = qualifies(kernel, rows[r], {whole ? 60u : 256 + 60u}, {whole ? 90u : 512 + 90u});
       }
-      GuardedBits bits(rows.size());
-      kdzk_vec result{};
-      result.bitvec = bits.words();
-      result.nrows = vector.nrows();
-      const uint64_t returned = vector.call(&result, nullptr);
-      expect_result(want, bits, result, returned);
+      expect_answer(vector, nullptr, want);
       GuardedBits selection(std::vector<bool>(rows.size(), true), 0);
       kdzk_exec exec{};
       exec.selection = selection.words();
       exec.flags = KDZK_EX_SELECTIVE;
-      const uint64_t selective = vector.call(&result, &exec);
-      expect_result(vector.expected(), bits, result, selective);
+      expect_answer(vector, &exec, vector.expected());
     }
   }
 }
@@ -390,12 +394,7 @@ TEST(FixedPredicates, CutALongConstant) {
       const bool sees_all = r < step && (kernel.op == 0 || kernel.op == 5);
       want[r] = sees_all ? kernel.op == 5 : qualifies(kernel, rows[r], cut, cut);
     }
-    GuardedBits bits(rows.size());
-    kdzk_vec result{};
-    result.bitvec = bits.words();
-    result.nrows = vector.nrows();
-    const uint64_t returned = vector.call(&result, nullptr);
-    expect_result(want, bits, result, returned);
+    expect_answer(vector, nullptr, want);
   }
 }
 
@@ -409,12 +408,7 @@ TEST(TzPredicates, TakeLengthCodesUpToTheirLimit) {
     const uint8_t limit = static_cast<uint8_t>(kernel.width / 8);
     const Vector vector(kernel, rows, {rows[0].value, limit}, {rows[0].value, limit});
     SCOPED_TRACE(vector.describe());
-    GuardedBits bits(rows.size());
-    kdzk_vec result{};
-    result.bitvec = bits.words();
-    result.nrows = vector.nrows();
-    const uint64_t returned = vector.call(&result, nullptr);
-    expect_result(vector.expected(), bits, result, returned);
+    expect_answer(vector, nullptr, vector.expected());
     if (kernel.form != "dynp") continue;
 
     RecordingHost host;
@@ -434,7 +428,7 @@ TEST(TzPredicates, TakeLengthCodesUpToTheirLimit) {
         exec.env = &host.env;
         exec.selection = selection.words();
         exec.flags = KDZK_EX_SELECTIVE;
-        result = {};
+        kdzk_vec result{};
         result.bitvec = untouched.words();
         result.nrows = nrows;
         result.hits = 77;

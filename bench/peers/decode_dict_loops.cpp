@@ -6,15 +6,10 @@
 
 #include <cstring>
 
+#include "bench/peers/packed.h"
+
 namespace kdzk_bench {
 namespace {
-
-template <class T>
-T load(const void* at) {
-  T value;
-  std::memcpy(&value, at, sizeof value);
-  return value;
-}
 
 // A copy of the dictionary and the arrays, so that no store makes the loop read them again.
 template <class CodeOf>

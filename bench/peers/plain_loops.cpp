@@ -7,15 +7,10 @@
 #include <cstring>
 #include <type_traits>
 
+#include "bench/peers/packed.h"
+
 namespace kdzk_bench {
 namespace {
-
-template <class T>
-T load(const void* at) {
-  T value;
-  std::memcpy(&value, at, sizeof value);
-  return value;
-}
 
 template <int W>
 using Native =
@@ -23,13 +18,8 @@ using Native =
                        std::conditional_t<W <= 16, uint16_t, std::conditional_t<W <= 32, uint32_t, uint64_t>>>;
 
 template <int W>
-Native<W> packed_code(const uint8_t* stream, uint32_t row) {
-  if constexpr (W == 64) {
-    return __builtin_bswap64(load<uint64_t>(stream + uint64_t{row} * 8));
-  } else {
-    const uint64_t bit = uint64_t{row} * W;
-    return static_cast<Native<W>>(__builtin_bswap64(load<uint64_t>(stream + bit / 32 * 4)) << bit % 32 >> (64 - W));
-  }
+Native<W> native_code(const uint8_t* stream, uint32_t row) {
+  return static_cast<Native<W>>(packed_code<W>(stream, row));
 }
 
 // Writes the rows for which `holds` is true, 64 at a time, and counts them.
@@ -86,7 +76,7 @@ uint32_t lt_packed_with_if(const uint8_t* stream, int width, uint32_t k, uint64_
   return with_width(width, [=]<int W>() {
     uint32_t hits = 0;
     for (uint32_t row = 0; row < nrows; row++) {
-      if (packed_code<W>(stream, row) < k) {
+      if (native_code<W>(stream, row) < k) {
         bits[row / 64] |= uint64_t{1} << row % 64;
         hits++;
       }
@@ -97,13 +87,13 @@ uint32_t lt_packed_with_if(const uint8_t* stream, int width, uint32_t k, uint64_
 
 uint32_t lt_packed(const uint8_t* stream, int width, uint32_t k, uint64_t* bits, uint32_t nrows) {
   return with_width(width, [=]<int W>() {
-    return by_words(bits, nrows, [=](uint32_t row) { return packed_code<W>(stream, row) < k; });
+    return by_words(bits, nrows, [=](uint32_t row) { return native_code<W>(stream, row) < k; });
   });
 }
 
 uint32_t lt_stored(const uint8_t* values, int width, int bytes, uint64_t k, uint64_t* bits, uint32_t nrows) {
   return with_width(width, [=]<int W>() {
-    if (bytes * 8 == W) return by_words(bits, nrows, [=](uint32_t row) { return packed_code<W>(values, row) < k; });
+    if (bytes * 8 == W) return by_words(bits, nrows, [=](uint32_t row) { return native_code<W>(values, row) < k; });
     return by_words(bits, nrows, [=](uint32_t row) {
       const uint64_t value = __builtin_bswap64(load<uint64_t>(values + uint64_t{row} * static_cast<uint64_t>(bytes)));
       return value >> (64 - 8 * bytes) << (W - 8 * bytes) < k;
@@ -125,7 +115,7 @@ uint32_t lt_unpack_then_compare(const uint8_t* stream, int width, uint64_t k, ui
     uint32_t hits = 0;
     for (uint32_t first = 0; first < nrows; first += 1024) {
       const uint32_t rows = nrows - first < 1024 ? nrows - first : 1024;
-      for (uint32_t i = 0; i < rows; i++) codes[i] = packed_code<W>(stream, first + i);
+      for (uint32_t i = 0; i < rows; i++) codes[i] = native_code<W>(stream, first + i);
       hits += lt_native(codes, W, k, bits + first / 64, rows);
     }
     return hits;
@@ -148,7 +138,7 @@ uint32_t lt_pairs(const uint8_t* values, const uint8_t* lengths, int width, uint
                   uint32_t nrows) {
   return with_length_width(width, [=]<int W>() {
     return by_words(bits, nrows, [=](uint32_t row) {
-      const uint64_t value = packed_code<W>(values, row);
+      const uint64_t value = native_code<W>(values, row);
       return value < k || (value == k && length_code<W>(lengths, row) < k_code);
     });
   });
@@ -157,7 +147,7 @@ uint32_t lt_pairs(const uint8_t* values, const uint8_t* lengths, int width, uint
 void unpack(const uint8_t* stream, int width, void* codes, uint32_t nrows) {
   with_width(width, [=]<int W>() {
     auto* const at = static_cast<Native<W>*>(codes);
-    for (uint32_t row = 0; row < nrows; row++) at[row] = packed_code<W>(stream, row);
+    for (uint32_t row = 0; row < nrows; row++) at[row] = native_code<W>(stream, row);
     return 0;
   });
 }

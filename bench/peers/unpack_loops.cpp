@@ -7,16 +7,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include "bench/peers/packed.h"
+
 namespace kdzk_bench {
 namespace {
-
-template <int W>
-uint32_t code(const uint8_t* stream, uint32_t row) {
-  const uint64_t bit = uint64_t{row} * W;
-  uint64_t span;
-  std::memcpy(&span, stream + bit / 32 * 4, 8);
-  return static_cast<uint32_t>(__builtin_bswap64(span) << bit % 32 >> (64 - W));
-}
 
 // Calls `f.operator()<width, Element>()` for a width and an element size known only now.
 template <int W = 1, class F>
@@ -33,7 +27,7 @@ auto with_types(int width, int element, const F& f) {
 void unpack_loop(const uint8_t* stream, int width, int element, void* out, uint32_t nrows) {
   with_types(width, element, [=]<int W, class E>() {
     auto* const to = static_cast<E*>(out);
-    for (uint32_t row = 0; row < nrows; row++) to[row] = static_cast<E>(code<W>(stream, row));
+    for (uint32_t row = 0; row < nrows; row++) to[row] = static_cast<E>(packed_code<W>(stream, row));
   });
 }
 
@@ -43,7 +37,7 @@ uint32_t unpack_selected_loop(const uint8_t* stream, int width, int element, con
     auto* const to = static_cast<E*>(out);
     uint32_t n = 0;
     for (uint32_t row = 0; row < nrows; row++) {
-      if (bits[row / 64] >> row % 64 & 1) to[n++] = static_cast<E>(code<W>(stream, row));
+      if (bits[row / 64] >> row % 64 & 1) to[n++] = static_cast<E>(packed_code<W>(stream, row));
     }
     return n;
   });
@@ -52,7 +46,8 @@ uint32_t unpack_selected_loop(const uint8_t* stream, int width, int element, con
 void expand_runs_loop(const uint8_t* stream, int width, int element, const uint8_t* lengths, uint32_t runs, void* out) {
   with_types(width, element, [=]<int W, class E>() {
     auto* to = static_cast<E*>(out);
-    for (uint32_t run = 0; run < runs; run++) to = std::fill_n(to, lengths[run], static_cast<E>(code<W>(stream, run)));
+    for (uint32_t run = 0; run < runs; run++)
+      to = std::fill_n(to, lengths[run], static_cast<E>(packed_code<W>(stream, run)));
   });
 }
 

@@ -135,9 +135,13 @@ std::vector<uint32_t> random_codes(Random& random, const Member& member, size_t 
   return codes;
 }
 
-// Run lengths: single rows, short ones, and some up to the longest of 8 or 16 bits.
-std::vector<uint32_t> random_lengths(Random& random, size_t runs, int length_bits) {
+// Run lengths up to `longest`, or if that is 0 single rows, short ones, and some up to the longest of 8 or 16 bits.
+std::vector<uint32_t> random_lengths(Random& random, size_t runs, int length_bits, uint32_t longest) {
   std::vector<uint32_t> lengths(runs);
+  if (longest != 0) {
+    for (uint32_t& length : lengths) length = 1 + static_cast<uint32_t>(random.below(longest));
+    return lengths;
+  }
   for (uint32_t& length : lengths) {
     const uint64_t kind = random.below(10);
     const uint64_t most = kind < 4 ? 1 : kind < 9 ? 12 : length_bits == 8 ? 255 : 1000;
@@ -152,16 +156,18 @@ class DecodeUnpack : public testing::TestWithParam<Member> {
   Random random{GetParam().name() + (GetParam().wide ? " wide" : "")};
 
   // A plain column, or one of runs.
-  std::unique_ptr<Column> column(int length_bits, size_t n) {
+  std::unique_ptr<Column> column(int length_bits, size_t n, uint32_t longest = 0) {
     const auto codes = random_codes(random, GetParam(), n);
     if (length_bits == 0) return std::make_unique<Column>(GetParam(), codes);
-    return std::make_unique<Column>(GetParam(), codes, random_lengths(random, n, length_bits), length_bits);
+    return std::make_unique<Column>(GetParam(), codes, random_lengths(random, n, length_bits, longest), length_bits);
   }
 };
 
 TEST_P(DecodeUnpack, RowRangesGiveTheirCodes) {
-  for (const int length_bits : {0, 8, 16}) {
-    const auto c = column(length_bits, length_bits == 0 ? 700 : 330);
+  const auto a_store = 16 / static_cast<uint32_t>(GetParam().element());  // rows that one store fills
+  for (const auto& [length_bits, longest] :
+       {std::pair(0, 0u), {8, 0u}, {16, 0u}, {8, a_store}, {8, a_store + 1}, {16, a_store}}) {
+    const auto c = column(length_bits, length_bits == 0 ? 700 : longest == 0 ? 330 : 2000, longest);
     const uint32_t nrows = c->input.nrows, b = GetParam().alignment();
     for (const uint32_t capacity : {1u, 7u, 64u, 129u, nrows, nrows + 100}) {
       for (const uint32_t start : {0u, 1u, b - 1, b, b + 3, nrows - 1}) {

@@ -8,10 +8,10 @@
 //   row list         the rows of ones_vec
 //   runs             the same from a run-length column: x86/unpack_runs.h
 //
-// Block selection unpacks like a row range. Of every four rows the selected elements are moved to the front by a
-// shuffle, all four are stored where the output stands, and the output moves on by as many as were selected. So a store
-// may write up to four elements that the next one overwrites; a round isn't begun unless the output has room for all of
-// its rows.
+// Block selection unpacks like a row range. Of each group of rows the selected elements are moved to the front by a
+// shuffle, the whole group is stored where the output stands, and the output moves on by as many as were selected. So a
+// store may write elements that the next one overwrites. A round isn't begun unless the output has room for all of its
+// rows and a vector, and what stands behind its last element is read before it and put back after it.
 
 #include <numeric>
 
@@ -53,29 +53,23 @@ uint64_t unpack_range(const Call& call) {
 
 // ---- Block selection ----
 
-// Shuffles that move the elements of selected rows to the front of their four: entry n is for the rows that n has bits
-// for. Elements of 4 bytes go by 4 rows, 16 bytes; those of 2 and 1 by two fours at once, 16 and 8 bytes.
+// Shuffles that move the elements of selected rows to the front of their group: entry n is for the rows that n has bits
+// for. The rest of the group becomes zero.
 template <int element>
 struct Keep {
-  static constexpr int fours = element == 4 ? 1 : 2;
-  static constexpr int entries = fours == 1 ? 16 : 256;
+  static constexpr int rows = element == 4 ? 4 : 8;  // of a group
   struct Table {
-    alignas(16) uint8_t shuffle[entries][4 * fours * element];
+    alignas(16) uint8_t shuffle[1 << rows][rows * element];
   };
   static constexpr Table make() {
     Table table{};
-    for (int n = 0; n < entries; n++) {
-      for (int four = 0; four < fours; four++) {
-        int kept = 0;
-        uint8_t* const to = table.shuffle[n] + 4 * four * element;
-        for (int row = 0; row < 4; row++) {
-          if ((n >> (4 * four + row) & 1) == 0) continue;
-          for (int byte = 0; byte < element; byte++)
-            to[kept * element + byte] = static_cast<uint8_t>((4 * four + row) * element + byte);
-          kept++;
-        }
-        for (int at = kept * element; at < 4 * element; at++) to[at] = 0x80;
+    for (int n = 0; n < 1 << rows; n++) {
+      int at = 0;
+      for (int row = 0; row < rows; row++) {
+        if ((n >> row & 1) == 0) continue;
+        for (int byte = 0; byte < element; byte++) table.shuffle[n][at++] = static_cast<uint8_t>(row * element + byte);
       }
+      while (at < rows * element) table.shuffle[n][at++] = 0x80;
     }
     return table;
   }
@@ -89,30 +83,28 @@ static_assert(Keep<4>::table.shuffle[5][0] == 0 && Keep<4>::table.shuffle[5][4] 
 template <int element>
 inline uint8_t* keep_selected(__m128i elements, uint32_t rows, uint8_t* out) {
   const auto& shuffle = Keep<element>::table.shuffle;
-  const auto behind = [&](uint32_t mask) { return out + bits_set(rows & mask) * element; };
-  if constexpr (element == 4) {
-    store16(out, _mm_shuffle_epi8(elements, load16(shuffle[rows])));
-    return behind(0xf);
-  }
-  if constexpr (element == 2) {
-    const __m128i kept = _mm_shuffle_epi8(elements, load16(shuffle[rows]));  // two fours
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), kept);
-    store(behind(0xf), _mm_extract_epi64(kept, 1));
-    return behind(0xff);
-  }
   if constexpr (element == 1) {
-    const __m128i low = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(shuffle[rows & 0xff]));
-    const __m128i high = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(shuffle[rows >> 8]));
-    const __m128i pick = _mm_unpacklo_epi64(low, _mm_add_epi8(high, _mm_set1_epi8(8)));  // the upper rows' bytes
-    const __m128i kept = _mm_shuffle_epi8(elements, pick);                               // four fours
-    const auto first = static_cast<uint64_t>(_mm_cvtsi128_si64(kept));
-    const auto second = static_cast<uint64_t>(_mm_extract_epi64(kept, 1));
-    store(out, static_cast<uint32_t>(first));
-    store(behind(0xf), static_cast<uint32_t>(first >> 32));
-    store(behind(0xff), static_cast<uint32_t>(second));
-    store(behind(0xfff), static_cast<uint32_t>(second >> 32));
-    return behind(0xffff);
+    const auto half = [&](__m128i eight, uint32_t of_eight) {  // the elements in the lower 8 bytes
+      const __m128i pick = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(shuffle[of_eight]));
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_shuffle_epi8(eight, pick));
+      out += bits_set(of_eight);
+    };
+    half(elements, rows & 0xff);
+    half(_mm_unpackhi_epi64(elements, elements), rows >> 8);
+    return out;
+  } else {
+    store16(out, _mm_shuffle_epi8(elements, load16(shuffle[rows])));
+    return out + bits_set(rows) * element;
   }
+}
+
+// How many rows of a round are selected: as many bits from `selection` on.
+template <uint32_t round>
+inline uint32_t count_selected(const uint8_t* selection) {
+  if constexpr (round == 32) return bits_set(load<uint32_t>(selection));
+  uint32_t count = 0;
+  for (uint32_t row = 0; row < round; row += 64) count += bits_set(load<uint64_t>(selection + row / 8));
+  return count;
 }
 
 template <int W, int element>
@@ -137,8 +129,10 @@ uint64_t unpack_blocks(const Call& call) {
   if (row < nrows && row % alignment<W> == 0) {
     const uint8_t* in = call.data + uint64_t{row} * W / 8;
     for (uint32_t rounds = (nrows - row) / round; rounds > 0; rounds--) {
-      if (out_end - out <= static_cast<ptrdiff_t>(round * element)) break;
+      if (out_end - out < static_cast<ptrdiff_t>(round * element + 16)) break;
       prefetch_round(in, out);
+      uint8_t* const behind = out + count_selected<round>(selection + row / 8) * element;
+      const __m128i kept = load16(behind);
       for (uint32_t word = 0; word < round / 32; word++, in += 4 * W, row += 32) {
         const uint32_t rows = load<uint32_t>(selection + row / 8);
         if (rows == 0) continue;
@@ -150,6 +144,7 @@ uint64_t unpack_blocks(const Call& call) {
         }
         (std::make_integer_sequence<int, 32 / rows_per_vector>());
       }
+      store16(behind, kept);
     }
   }
   singles_up_to(nrows);

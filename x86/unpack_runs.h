@@ -2,9 +2,10 @@
 // Decode-unpack of a run-length column: one packed code and one length per run come back as rows, as if the column were
 // plain. Runs are found by walking forward from where the last call stopped, so a selection and a row list must ascend.
 //
-// The row range is the fast one. It unpacks the codes of up to 256 runs at a time with the loops of a plain column, and
-// fills each run with stores of 32 bytes that may reach into the next run, whose own fill overwrites them. Only the
-// last bytes of the range are filled exactly.
+// The row range is the fast one. It takes up to 256 runs at a time, up to a multiple of 256, so that their codes are
+// whole rounds of a plain column's loops. Each run is filled by stores that may reach into the next run, whose own fill
+// overwrites them: by one store of 16 bytes where no run is longer, else by stores of 32 bytes. Only the last bytes of
+// the range are filled exactly.
 #ifndef X86_UNPACK_RUNS_H
 #define X86_UNPACK_RUNS_H
 
@@ -122,48 +123,84 @@ class RunUnpacking {
     exec_->row = start + count - 1;
     if (count == 0) return KDZK_NO_ROW;
     uint8_t* out = static_cast<uint8_t*>(result_->data);
-    uint8_t* const end = out + uint64_t{count} * element;
+    uint8_t* const out_end = out + uint64_t{count} * element;
     const uint32_t last_row = start + count - 1;
     // Runs that end here or before may be filled with no regard to the end of the range.
     const uint32_t safe_end = last_row + 1 - std::min(count, fill_slack / element);
     RunWalk<Length> walk = walk_;  // a copy that no store can reach
     walk.move_to(start);
-    uint32_t first_length = walk.end - start;  // of what is left of the first run
-    for (;;) {
-      // The next runs, up to the last one or as many as there is room for their codes.
+    out = fill(out, out_end, walk.end - start, static_cast<Element<element>>(single_code<W>(data_, walk.index)));
+    while (walk.end <= last_row) {
       constexpr uint32_t most = 256;
-      alignas(16) uint8_t codes[most * element];
-      const uint32_t first = walk.index;
-      uint32_t runs = 1, safe = walk.end <= safe_end;
-      while (runs < most && walk.end <= last_row) {
-        walk.next();
-        runs++;
+      const uint32_t first = walk.index + 1, limit = (first | (most - 1)) + 1;
+      uint32_t longest = 0;
+      if constexpr (sizeof(Length) == 1) longest = walk_vectors(walk, limit, safe_end);
+      uint32_t safe = walk.index + 1 - first;
+      while (walk.index + 1 < limit && walk.end <= last_row) {
+        longest = std::max(longest, walk.next());
         safe += walk.end <= safe_end;
       }
-      unpack_rows<W, element>(data_, first, first + runs, codes, 8);
+      const uint32_t runs = walk.index + 1 - first, begin = first / 8 * 8;
+      alignas(16) uint8_t unpacked[most * element + 4];  // a code may be read as 4 bytes
+      unpack_rows<W, element>(data_, begin, first + runs, unpacked, 8);
+      const uint8_t* const codes = unpacked + (first - begin) * element;
       const auto code = [&](uint32_t i) { return load<Element<element>>(codes + i * element); };
-      const auto length = [&](uint32_t i) { return i == 0 ? first_length : walk.length(first + i); };
-      for (uint32_t i = 0; i < safe; i++) {
-        uint8_t* const behind = out + uint64_t{length(i)} * element;
-        const __m128i elements = in_all_lanes<8 * element>(code(i));
-        do {
-          store16(out, elements);
-          store16(out + 16, elements);
-          out += 32;
-        } while (out < behind);
-        out = behind;
+      const auto length = [&](uint32_t i) { return walk.length(first + i); };
+      if (longest <= 16 / element) {
+#pragma GCC unroll 4
+        for (uint32_t i = 0; i < safe; i++) {
+          const __m128i code_first = _mm_cvtsi32_si128(static_cast<int>(load<uint32_t>(codes + i * element)));
+          store16(out, _mm_shuffle_epi8(code_first, vector_of(to_all_lanes)));
+          out += length(i) * element;
+        }
+      } else {
+        for (uint32_t i = 0; i < safe; i++) {
+          uint8_t* const behind = out + uint64_t{length(i)} * element;
+          const __m128i elements = in_all_lanes<8 * element>(code(i));
+          do {
+            store16(out, elements);
+            store16(out + 16, elements);
+            out += 32;
+          } while (out < behind);
+          out = behind;
+        }
       }
-      for (uint32_t i = safe; i < runs; i++) {
-        const auto room = static_cast<uint32_t>(static_cast<size_t>(end - out) / element);
-        uint8_t* const behind = out + uint64_t{std::min(length(i), room)} * element;
-        for (; out < behind; out += element) store(out, code(i));
-      }
-      if (walk.end > last_row) break;
-      first_length = walk.next();
+      for (uint32_t i = safe; i < runs; i++) out = fill(out, out_end, length(i), code(i));
     }
     walk.keep(exec_);
     return KDZK_DONE;
   }
+
+  // Moves on by 16 runs at a time, as long as they must end before `safe_end` and lie before run `limit`: then there
+  // are that many lengths to read. Returns the longest length.
+  static uint32_t walk_vectors(RunWalk<Length>& walk, uint32_t limit, uint32_t safe_end) {
+    __m128i longest = _mm_setzero_si128();
+    while (walk.index + 16 < limit && walk.end <= safe_end && safe_end - walk.end >= 16 * 255) {
+      const __m128i lengths = load16(walk.lengths + walk.index + 1);
+      const __m128i sums = _mm_sad_epu8(lengths, _mm_setzero_si128());  // of the lower and of the upper eight
+      walk.end += static_cast<uint32_t>(_mm_cvtsi128_si32(sums) + _mm_extract_epi16(sums, 4));
+      walk.index += 16;
+      longest = _mm_max_epu8(longest, lengths);
+    }
+    alignas(16) uint8_t lanes[16];
+    store16(lanes, longest);
+    return *std::max_element(lanes, lanes + 16);
+  }
+
+  // Writes a code `length` times, or up to the end of the output, and nothing else.
+  static uint8_t* fill(uint8_t* out, const uint8_t* out_end, uint32_t length, Element<element> code) {
+    const auto room = static_cast<uint32_t>(static_cast<size_t>(out_end - out) / element);
+    const uint8_t* const behind = out + uint64_t{std::min(length, room)} * element;
+    for (; out < behind; out += element) store(out, code);
+    return out;
+  }
+
+  // A shuffle that brings the first element of a vector to all lanes.
+  static constexpr auto to_all_lanes = [] {
+    std::array<uint8_t, 16> from{};
+    for (size_t at = 0; at < 16; at++) from[at] = static_cast<uint8_t>(at % element);
+    return from;
+  }();
 
   static constexpr uint32_t fill_slack = 32;  // bytes that a fill may write behind its run
 

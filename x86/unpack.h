@@ -14,8 +14,8 @@
 //
 // What differs: codes of whole bytes need the shuffle only; codes that lie in two bytes are multiplied in 16 bits;
 // codes of 11 and 13 to 15 bits become elements of 2 bytes from the first two and the third of their bytes, multiplied
-// apart; elements of 1 byte are packed from two vectors of 16-bit lanes, and those of 1, 2 and 4 bits are split off
-// their bytes.
+// apart; elements of 1 byte are made two to a 16-bit lane, one of them multiplied down and one up, and those of 1, 2
+// and 4 bits are split off their bytes.
 //
 // Invariants. Vectors begin at a byte: their first row is a multiple of 8, or of 4 with W even, or the load begins at
 // the byte that holds the first bit. Each load is 16 bytes from the byte of a row, so it ends at most 16 bytes behind
@@ -66,22 +66,37 @@ struct PackedRows {
     return lanes;
   }
 
-  // In 16-bit lanes with the first byte on top: the codes' bits, and the multipliers whose high half brings a code
-  // down.
-  static constexpr LaneArray<16> high_masks(int first) {
-    LaneArray<16> lanes{};
-    for (size_t i = 0; i < lanes.size(); i++) {
-      const int behind = 16 - W - lead(first + static_cast<int>(i));
-      lanes[i] = static_cast<uint16_t>(((1u << W) - 1) << behind);
+  // Two elements of 1 byte to a 16-bit lane, the even row's in the lower byte. A lane takes the bytes from row `from`
+  // of its pair to row `to`, first byte on top; there are one or two of them.
+  static constexpr bool pair_in_two_bytes = [] {
+    bool fits = true;
+    for (int row = 0; row < 8; row += 2) fits = fits && last_byte(row + 1) - first_byte(row) < 2;
+    return fits;
+  }();
+  static constexpr std::array<uint8_t, 16> pair_shuffle(int from, int to) {
+    std::array<uint8_t, 16> bytes{};
+    for (int row = 0; row < 16; row += 2) {
+      const int top = first_byte(row + from), low = last_byte(row + to);
+      bytes[static_cast<size_t>(row)] = static_cast<uint8_t>(low);
+      bytes[static_cast<size_t>(row) + 1] = static_cast<uint8_t>(top < low ? top : 0x80);
     }
+    return bytes;
+  }
+  // The bits of row `of` of each pair in such lanes, and the multipliers for them: the upper half of an even row's
+  // product is its element, the lower half of an odd row's has it in the upper byte.
+  static constexpr int bits_behind(int row, int to) { return (last_byte(to) + 1) * 8 - (row + 1) * W; }
+  static constexpr LaneArray<16> pair_masks(int of, int to) {
+    LaneArray<16> lanes{};
+    for (int pair = 0; pair < 8; pair++)
+      lanes[static_cast<size_t>(pair)] =
+          static_cast<uint16_t>(((1u << W) - 1) << bits_behind(2 * pair + of, 2 * pair + to));
     return lanes;
   }
-  static constexpr LaneArray<16> high_multipliers(int first) {
+  static constexpr LaneArray<16> pair_multipliers(int of, int to) {
     LaneArray<16> lanes{};
-    for (size_t i = 0; i < lanes.size(); i++) {
-      const int behind = 16 - W - lead(first + static_cast<int>(i));
-      lanes[i] = static_cast<uint16_t>(1u << (16 - behind));
-    }
+    for (int pair = 0; pair < 8; pair++)
+      lanes[static_cast<size_t>(pair)] =
+          static_cast<uint16_t>(1u << ((of == 0 ? 16 : 8) - bits_behind(2 * pair + of, 2 * pair + to)));
     return lanes;
   }
 };
@@ -89,6 +104,10 @@ struct PackedRows {
 static_assert(PackedRows<13>::shuffle<4>(0, 0, 4, 0) ==
               std::array<uint8_t, 16>{0x80, 0x80, 1, 0, 0x80, 3, 2, 1, 0x80, 0x80, 4, 3, 0x80, 6, 5, 4});
 static_assert(PackedRows<13>::multipliers<32>(0) == LaneArray<32>{1, 1 << 5, 1 << 2, 1 << 7});
+static_assert(PackedRows<6>::pair_shuffle(0, 1) ==
+              std::array<uint8_t, 16>{1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10});
+static_assert(PackedRows<6>::pair_in_two_bytes && PackedRows<5>::pair_in_two_bytes &&
+              !PackedRows<7>::pair_in_two_bytes);
 static_assert(PackedRows<12>::most_bytes == 2 && PackedRows<11>::most_bytes == 3 && PackedRows<24>::most_bytes == 3);
 
 // The two halves of each byte as bytes of their own, the upper half first: of the lower or of the upper 8 bytes of v.
@@ -136,13 +155,15 @@ inline __m128i unpacked(const uint8_t* in) {
     }
   } else if constexpr (Rows::most_bytes == 2) {
     static_assert(element == 1);
-    const auto eight = [&]<int row>() {  // rows from `row` on, in 16-bit lanes
-      static constexpr auto pick = Rows::template shuffle<2>(row, 0, 2, 0);
-      static constexpr auto keep = Rows::high_masks(row), times = Rows::high_multipliers(row);
-      const __m128i both = _mm_shuffle_epi8(load16(in + Rows::first_byte(row)), vector_of(pick));  // first byte on top
-      return _mm_mulhi_epu16(_mm_and_si128(both, vector_of(keep)), vector_of(times));
-    };
-    return _mm_packus_epi16(eight.template operator()<first>(), eight.template operator()<first + 8>());
+    constexpr bool shared = Rows::pair_in_two_bytes;  // a pair's codes lie in one lane
+    static constexpr auto pick_even = Rows::pair_shuffle(0, shared), pick_odd = Rows::pair_shuffle(!shared, 1);
+    static constexpr auto keep_even = Rows::pair_masks(0, shared), keep_odd = Rows::pair_masks(1, 1);
+    static constexpr auto times_even = Rows::pair_multipliers(0, shared), times_odd = Rows::pair_multipliers(1, 1);
+    const __m128i even = _mm_shuffle_epi8(bytes(), vector_of(pick_even));
+    const __m128i odd = shared ? even : _mm_shuffle_epi8(bytes(), vector_of(pick_odd));
+    const __m128i low = _mm_mulhi_epu16(_mm_and_si128(even, vector_of(keep_even)), vector_of(times_even));
+    const __m128i high = _mm_mullo_epi16(_mm_and_si128(odd, vector_of(keep_odd)), vector_of(times_odd));
+    return _mm_or_si128(low, high);
   } else if constexpr (W == 4) {
     return split_bytes<4, i % 2 == 1>(load16(in + i / 2 * 16));
   } else if constexpr (W == 2) {

@@ -7,4 +7,12 @@
 extern "C" [[noreturn]] void __assert_fail(const char* assertion, const char* file, unsigned line,
                                            const char* function) noexcept;
 
+namespace kdzk {
+
+// The same handler for callers that go on should it return, as a host's own one may.
+void assertion_failed(const char* assertion, const char* file, unsigned line, const char* function) noexcept
+    __asm__("__assert_fail");
+
+}  // namespace kdzk
+
 #endif

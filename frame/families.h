@@ -59,6 +59,23 @@ struct BurstRle {
   static constexpr const char* suffix = cla ? "_cla" : "";
 };
 
+// How a number is stored: in the machine's own form, or big-endian so that its bytes sort as the numbers do.
+enum class Form : uint8_t { native, sortable };
+
+// The two operands of an arithmetic kernel, floats or doubles, and whether it adds up the results.
+template <class T, Form left_form, Form right_form, bool is_sum>
+struct Operands {
+  using Value = T;
+  static constexpr Form left = left_form, right = right_form;
+  static constexpr bool has_sum = is_sum;
+  static constexpr uint32_t row =
+      (sizeof(T) == 8 ? KDZK_ROW_DOUBLE : 0) + (left == Form::sortable ? KDZK_ROW_SORTABLE_LEFT : 0) +
+      (right == Form::sortable ? KDZK_ROW_SORTABLE_RIGHT : 0) + (is_sum ? KDZK_ROW_VARIANT : 0);
+};
+
+template <class Operands, ArithmeticOp op>
+uint64_t arithmetic(kdzk_vec* result, const kdzk_vec* left, const kdzk_vec* right, kdzk_exec* exec);
+
 // The decoding kernels of a family.
 template <class Family>
 uint64_t decode(kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec);

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <string_view>
 
+#include "frame/families.h"
 #include "frame/operation.h"
 
 namespace kdzk {
@@ -75,6 +76,23 @@ inline constexpr const char* alloc_comment = text<draft_alloc_comment<Family, op
 // "kdzk_eq_dict_13bit: kdzk_sqzb_decode failed"
 template <class Family, auto op>
 inline constexpr const char* decode_failure = text<draft_failure<Family, op>>.data();
+
+template <class Operands, ArithmeticOp op>
+constexpr Draft draft_arithmetic_name() {
+  const auto letter = [](Form form) { return form == Form::native ? "_n" : "_c"; };
+  Draft name;
+  name += "kdzk_";
+  name += word_of(op);
+  name += sizeof(typename Operands::Value) == 4 ? "_float" : "_double";
+  name += letter(Operands::left);
+  name += letter(Operands::right);
+  name += Operands::has_sum ? "_sum" : "";
+  return name;
+}
+
+// "kdzk_add_float_n_c_sum"
+template <class Operands, ArithmeticOp op>
+inline constexpr const char* arithmetic_name = text<draft_arithmetic_name<Operands, op>>.data();
 
 // The texts that a kernel shows to the host; both bear the kernel's own name.
 struct KernelTexts {

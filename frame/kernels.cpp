@@ -62,6 +62,20 @@ constexpr void list_idle(KernelTables& tables) {
   ((tables.names[id_of<Family<W>, op>()] = kernel_name<Family<W>, op>), ...);
 }
 
+template <class Operands, ArithmeticOp... op>
+constexpr void list_operations(KernelTables& tables) {
+  ((tables.dispatch[kdzk_id_of(Operands::row, uint32_t(op))].arithmetic = arithmetic<Operands, op>), ...);
+  ((tables.names[kdzk_id_of(Operands::row, uint32_t(op))] = arithmetic_name<Operands, op>), ...);
+}
+
+template <class T, bool is_sum, ArithmeticOp... op>
+constexpr void list_arithmetic(KernelTables& tables) {
+  list_operations<Operands<T, Form::native, Form::native, is_sum>, op...>(tables);
+  list_operations<Operands<T, Form::native, Form::sortable, is_sum>, op...>(tables);
+  list_operations<Operands<T, Form::sortable, Form::native, is_sum>, op...>(tables);
+  list_operations<Operands<T, Form::sortable, Form::sortable, is_sum>, op...>(tables);
+}
+
 // Without `cla` they stand a row below their width's own.
 template <int W, bool cla>
 constexpr void list_burst(KernelTables& tables) {
@@ -88,6 +102,10 @@ constexpr KernelTables list_kernels() {
   list_burst<8, true>(tables);
   list_burst<16, false>(tables);
   list_burst<16, true>(tables);
+  list_arithmetic<float, false, ArithmeticOp::add, ArithmeticOp::sub, ArithmeticOp::mul>(tables);
+  list_arithmetic<float, true, ArithmeticOp::add, ArithmeticOp::sub, ArithmeticOp::mul>(tables);
+  list_arithmetic<double, false, ArithmeticOp::add, ArithmeticOp::sub, ArithmeticOp::mul>(tables);
+  list_arithmetic<double, true, ArithmeticOp::add, ArithmeticOp::sub, ArithmeticOp::mul>(tables);
   list_idle<Fixed, IdleOp::sum, 8, 16, 32, 64>(tables);
   list_idle<Dict, IdleOp::sum, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32>(tables);
   list_idle<Dict, IdleOp::distinct, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32>(
@@ -104,7 +122,7 @@ constexpr int kernels_in(const KernelTables& tables) {
 }  // namespace
 
 constinit const KernelTables kernel_tables = list_kernels();
-static_assert(kernels_in(list_kernels()) == 699);
+static_assert(kernels_in(list_kernels()) == 747);
 static_assert(sizeof(KernelTables) == (KDZK_DISPATCH_SIZE + KDZK_KERNEL_IDS) * 8);
 
 }  // namespace kdzk

@@ -31,6 +31,13 @@ constexpr std::string_view word_of(IdleOp op) { return op == IdleOp::sum ? "sum"
 enum class BurstOp : uint8_t { burst = 14 };
 constexpr std::string_view word_of(BurstOp) { return "burst"; }
 
+// Arithmetic on two numeric columns. The values are their operation numbers.
+enum class ArithmeticOp : uint8_t { add = 19, sub = 20, mul = 21 };
+constexpr std::string_view word_of(ArithmeticOp op) {
+  if (op == ArithmeticOp::add) return "add";
+  return op == ArithmeticOp::sub ? "sub" : "mul";
+}
+
 constexpr bool two_sided(Op op) { return op >= Op::gt_lt; }
 
 // A set of codes with one interval: those from `first` to `first + span` if `inside`, otherwise all but these. Whatever

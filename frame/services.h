@@ -46,6 +46,11 @@ uint64_t kdzk_bv64_no_next(kdzk_bv_iter* iter, uint64_t unused);
 
 uint64_t kdzk_bv_no_batch(kdzk_bv_iter* iter, uint32_t* rows, uint32_t capacity, uint64_t unused);
 
+uint64_t kdzk_point_in_polygon(const kdzk_vec* result, const kdzk_vec* xs, const kdzk_vec* ys, const kdzk_vec* px,
+                               const kdzk_vec* py);
+uint64_t kdzk_sum_sortable(const kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* groups, const void* unused);
+uint64_t kdzk_decode_sortable(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
+
 uint64_t kdzk_decode_prefix_records(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
 
 uint32_t sqzb_decode_x86(const kdzk_sqzb_ctx* ctx, const void* src, void* dst, uint32_t* out_len, uint32_t capacity);

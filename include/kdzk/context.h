@@ -85,32 +85,80 @@ typedef struct kdzk_prefix_record {
 } kdzk_prefix_record;
 typedef uint64_t (*kdzk_prefix_fn)(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
 
+/* Numeric columns (docs/formats/sortable.md): enc_ctx->float_kind says what the input->nrows rows at input->data are. 1
+ * and 2: floats and doubles in the sortable form, whose bytes sort as the values do. 8: big-endian two's-complement
+ * integers of enc_ctx->width bits, 8, 16, 32 or 64. Nothing behind the last row is read. Sums of floats and doubles are
+ * exact to the bit: additions are done in the order that is told here, in the type of the column and in the host's
+ * rounding and flush modes; infinities and NaNs pass through, and only which NaN comes out is not said. Sums of
+ * integers wrap. KDZK_RLE and KDZK_BLOCKED are not looked at, nor is result->hits or a bit vector written.
+ *
+ * decode_sortable: decodes the column to result->data, an array of native floats or doubles, bit by bit as they were,
+ * NaNs included; or, with an `exec` that has KDZK_EX_SUM in flags, adds the column to the one native accumulator at
+ * result->data, a float, double or, for integers, uint64_t. With L = 4 floats or 2 doubles and v a row's value:
+ *   lane[0 to L - 1] = +0; for each row r of the first nrows / L * L:   lane[r % L] = lane[r % L] + v
+ *   result = ((lane[0] + lane[1]) + (lane[2] + lane[3])) + result;   of doubles: (lane[0] + lane[1]) + result
+ *   t = +0; for each row left:   t = t + v
+ *   result = t + result
+ * float_kind is tested by bits, 1 before 2 before 8: 3 means float. Integers of any other width add 0. Returns
+ * KDZK_DONE, or KDZK_MALFORMED with nothing written if float_kind has none of the bits, or if the column has
+ * KDZK_SUM_ONLY in enc_ctx->flags and `exec` is null or lacks KDZK_EX_SUM. Integers can't be decoded: that ends the
+ * process with the failed assertion "FALSE", in every build, or returns KDZK_MALFORMED if the handler returns. */
+typedef uint64_t (*kdzk_decode_sortable_fn)(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
+
+/* sum_sortable: adds the column to native accumulators at result->data, of the types above. float_kind must be 1, 2 or
+ * 8 exactly. With KDZK_SUM_ONLY in enc_ctx->flags, floats and doubles are native, not sortable.
+ *
+ * `groups` null: t = +0; t = t + v for each row in order; result[0] = t + result[0]. Otherwise groups->data is an array
+ * of a native uint32_t per row, and result[group of r] = result[group of r] + v for each row r in order; groups must be
+ * indexes of accumulators, nothing checks them. Integers of any other width than 8, 16, 32 and 64 change nothing.
+ * `unused` is not looked at. Returns KDZK_DONE, or KDZK_MALFORMED with nothing written for any other float_kind. */
+typedef uint64_t (*kdzk_sum_fn)(const kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* groups,
+                                const void* unused);
+
+/* point_in_polygon: how many edges of a vertex list a ray from a point towards larger x crosses.
+ *
+ * xs->data, ys->data: arrays of native doubles, xs->nrows of each, the vertices. px->data, py->data: a native double
+ * each, the point. result->data: a uint32_t, which receives the count. Nothing else of the records is read or written.
+ *
+ * Which edges there are, by vertex numbers and for n vertices:
+ *   n = 1         none that is ever crossed
+ *   n = 2         1 to 0 and 0 to 1: one segment, twice
+ *   n = 3         2 to 0, 0 to 1, 1 to 2: the closed triangle
+ *   n even, >= 4  0 to 1 and so on to n - 3 to n - 2; and n - 2 to n - 1, twice
+ *   n odd, >= 5   0 to 1 and so on to n - 4 to n - 3; and n - 1 to n - 3, n - 3 to n - 2, n - 2 to n - 1
+ * So from 4 vertices on nothing leads from the last vertex to the first: a host that means a closed polygon prepares
+ * its list for that. An edge has its lower end and not its upper end, and horizontal edges have nothing. A point on an
+ * edge is not left of it. Points within rounding distance of an edge may come out either way, edges to n - 2 (even n)
+ * or n - 3 (odd n) by another formula than the last ones. A compare with a NaN doesn't hold. Returns KDZK_DONE. */
+typedef uint64_t (*kdzk_polygon_fn)(const kdzk_vec* result, const kdzk_vec* xs, const kdzk_vec* ys, const kdzk_vec* px,
+                                    const kdzk_vec* py);
+
 /* The exported record: 67 words of 64 bits, a word per line unless said otherwise. */
 typedef struct kdzk_specialized_ctx {
-  uint64_t magic;                       /* 0: KDZK_MAGIC */
-  const char* version;                  /* 1: KDZK_VERSION */
-  uint64_t count;                       /* 2: 3 */
-  const char* name;                     /* 3: "vexksse4219", names this build for SSSE3, SSE4.1, SSE4.2 and POPCNT */
-  uint64_t numbers[10];                 /* 4 to 13: 8, 8, 8, 8, 8, 8, 8, 16, 0, 16 */
-  const kdzk_kernel* dispatch;          /* 14: KDZK_DISPATCH_SIZE entries, indexed by kernel id; see kdzk_name_of */
-  void (*noop1[2])(void*);              /* 15, 16: does nothing */
-  kdzk_bv_services bv8;                 /* 17 to 33 */
-  kdzk_bv_services bv64;                /* 34 to 50 */
-  kdzk_absent_fn bloom_test;            /* 51 */
-  kdzk_absent_fn point_in_polygon;      /* 52 */
-  kdzk_absent_fn groupkey_dydi;         /* 53 */
-  kdzk_absent_fn sum_sortable;          /* 54 */
-  kdzk_absent_fn decode_sortable;       /* 55 */
-  kdzk_prefix_fn decode_prefix_records; /* 56: see above */
-  kdzk_absent_fn hash_rows;             /* 57 */
-  kdzk_absent_fn ht_build;              /* 58 */
-  kdzk_absent_fn ht_probe;              /* 59 */
-  kdzk_absent_fn partition_rows;        /* 60 */
-  kdzk_absent_fn ht_gather;             /* 61 */
-  kdzk_absent_fn fill_pairs;            /* 62 */
-  kdzk_absent_fn pack_rows;             /* 63 */
-  kdzk_decompress_fn sqzb_decode_x86;   /* 64: see above */
-  uint64_t (*reserved0[2])(void);       /* 65, 66: reads nothing, returns 0 */
+  uint64_t magic;                          /* 0: KDZK_MAGIC */
+  const char* version;                     /* 1: KDZK_VERSION */
+  uint64_t count;                          /* 2: 3 */
+  const char* name;                        /* 3: "vexksse4219", names this build for SSSE3, SSE4.1, SSE4.2 and POPCNT */
+  uint64_t numbers[10];                    /* 4 to 13: 8, 8, 8, 8, 8, 8, 8, 16, 0, 16 */
+  const kdzk_kernel* dispatch;             /* 14: KDZK_DISPATCH_SIZE entries, indexed by kernel id; see kdzk_name_of */
+  void (*noop1[2])(void*);                 /* 15, 16: does nothing */
+  kdzk_bv_services bv8;                    /* 17 to 33 */
+  kdzk_bv_services bv64;                   /* 34 to 50 */
+  kdzk_absent_fn bloom_test;               /* 51 */
+  kdzk_polygon_fn point_in_polygon;        /* 52: see above */
+  kdzk_absent_fn groupkey_dydi;            /* 53 */
+  kdzk_sum_fn sum_sortable;                /* 54: see above */
+  kdzk_decode_sortable_fn decode_sortable; /* 55: see above */
+  kdzk_prefix_fn decode_prefix_records;    /* 56: see above */
+  kdzk_absent_fn hash_rows;                /* 57 */
+  kdzk_absent_fn ht_build;                 /* 58 */
+  kdzk_absent_fn ht_probe;                 /* 59 */
+  kdzk_absent_fn partition_rows;           /* 60 */
+  kdzk_absent_fn ht_gather;                /* 61 */
+  kdzk_absent_fn fill_pairs;               /* 62 */
+  kdzk_absent_fn pack_rows;                /* 63 */
+  kdzk_decompress_fn sqzb_decode_x86;      /* 64: see above */
+  uint64_t (*reserved0[2])(void);          /* 65, 66: reads nothing, returns 0 */
 } kdzk_specialized_ctx;
 
 KDZK_ASSERT_SIZE(kdzk_prefix_record, 16);

@@ -55,7 +55,10 @@ extern "C" {
 #define KDZK_OP_SUB 20u
 #define KDZK_OP_MUL 21u
 
-#define KDZK_ROW_VARIANT 32u      /* added to a row: the `_null`, `_tz`, `_c2d` or `_sum` twin */
+#define KDZK_ROW_VARIANT 32u /* added to a row: the `_null`, `_tz`, `_c2d` or `_sum` twin */
+#define KDZK_ROW_DOUBLE 1u   /* rows of arithmetic kernels are sums of these and KDZK_ROW_VARIANT */
+#define KDZK_ROW_SORTABLE_LEFT 4u
+#define KDZK_ROW_SORTABLE_RIGHT 8u
 #define KDZK_NO_ROW_OF_WIDTH 127u /* what kdzk_row_of_width returns for a width that has no row */
 
 /* Row of a width in bits: 1 to 20 have rows 0 to 19, 24 has 20, 32 has 21, 64 has 22, all others have none. */
@@ -142,6 +145,28 @@ typedef uint64_t (*kdzk_decode_fn)(kdzk_vec* result, const kdzk_vec* input, kdzk
  * build: a column without KDZK_RLE, and a report->bitvec that is result->bitvec. */
 typedef uint64_t (*kdzk_burst_fn)(kdzk_vec* result, const kdzk_vec* src, const kdzk_result_report* report);
 
+/* add, sub, mul: row by row, left + right, left - right or left * right, of floats or doubles, as the IEEE operation of
+ * that type does it in the host's rounding and flush modes; only which NaN comes out of NaNs is not said. Their kernels
+ * are named by type, the form of the left and of the right operand, and whether results are added up, and have ids of
+ * kdzk_id_of(row, column): column KDZK_OP_ADD and so on, row the sum of
+ *   KDZK_ROW_DOUBLE     operands and results are doubles rather than floats
+ *   KDZK_ROW_SORTABLE_LEFT, KDZK_ROW_SORTABLE_RIGHT   that operand is sortable (`c`, docs/formats/sortable.md), not
+ *                       native (`n`)
+ *   KDZK_ROW_VARIANT    the `_sum` twin
+ *
+ * left->data, right->data: the operands, at any alignment; nothing behind the last row is read. With KDZK_CONST in
+ * enc_ctx->flags the first value at `left` stands for every row; failing that, at `right`. If both have the flag,
+ * `right` is a column like any other. Rows: the larger of left->nrows and right->nrows, whichever is a constant.
+ * result->data, native: an array of results, which may be the data of a native operand; or, `_sum`, one number, which
+ * the sum is added to. `exec` isn't looked at, nor are other flags, filters or hits. Returns KDZK_DONE.
+ *
+ * The order of additions of the `_sum` twins is fixed. With L = 4 floats or 2 doubles, and t(r) the result of row r:
+ *   lane[0 to L - 1] = +0; for each row r of the first n / L * L:   lane[r % L] = lane[r % L] + t(r)
+ *   s = (lane[0] + lane[1]) + (lane[2] + lane[3]);   of doubles: lane[0] + lane[1]
+ *   for each row r left, in row order:   s = s + t(r)
+ *   result = result + s */
+typedef uint64_t (*kdzk_arithmetic_fn)(kdzk_vec* result, const kdzk_vec* left, const kdzk_vec* right, kdzk_exec* exec);
+
 /* sum and distinct, of `fixed` and `dict` columns. These do nothing, read nothing and return 0: they stand in the table
  * so that every id that a host may form has a kernel. The 0 is no sum. */
 typedef uint64_t (*kdzk_idle_fn)(kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* second, kdzk_exec* exec);
@@ -153,6 +178,7 @@ typedef union kdzk_kernel {
   kdzk_between_fn between;
   kdzk_decode_fn decode;
   kdzk_burst_fn burst;
+  kdzk_arithmetic_fn arithmetic;
   kdzk_idle_fn idle;
   void (*any)(void);
 } kdzk_kernel;

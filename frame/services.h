@@ -46,6 +46,9 @@ uint64_t kdzk_bv64_no_next(kdzk_bv_iter* iter, uint64_t unused);
 
 uint64_t kdzk_bv_no_batch(kdzk_bv_iter* iter, uint32_t* rows, uint32_t capacity, uint64_t unused);
 
+uint64_t kdzk_groupkey_dydi(kdzk_vec* result, uint32_t* key_count, const kdzk_vec* columns, uint64_t column_count,
+                            const kdzk_vec* temp, const kdzk_exec* exec);
+
 uint64_t kdzk_decode_prefix_records(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
 
 uint32_t sqzb_decode_x86(const kdzk_sqzb_ctx* ctx, const void* src, void* dst, uint32_t* out_len, uint32_t capacity);

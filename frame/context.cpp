@@ -63,7 +63,7 @@ extern "C" __attribute__((visibility("default"))) constinit const kdzk_specializ
         },
     .bloom_test = nullptr,
     .point_in_polygon = kdzk::kdzk_point_in_polygon,
-    .groupkey_dydi = nullptr,
+    .groupkey_dydi = kdzk::kdzk_groupkey_dydi,
     .sum_sortable = kdzk::kdzk_sum_sortable,
     .decode_sortable = kdzk::kdzk_decode_sortable,
     .decode_prefix_records = kdzk::kdzk_decode_prefix_records,

@@ -86,6 +86,18 @@ uint64_t decode_unpack(kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec)
 template <class Family>
 uint64_t decode_symbol(kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec);
 
+// Translation: how the table is found and indexed, the values being the kernels' families; and its elements, the values
+// being their rows.
+enum class TableIndex : uint8_t { sim, off, ind, groupkey };
+enum class TableElement : uint8_t { bit, nib, ub1, ub2, ub4 };
+
+// Codes to a bit per row of those that have a value; with `c2d` to an array of elements, too.
+template <TableIndex index, TableElement element, bool c2d>
+uint64_t xlate(kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* table, kdzk_exec* exec);
+
+template <TableElement element>
+uint64_t xlate_groupkey(kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* unused, kdzk_exec* exec);
+
 template <int W, bool cla>
 uint64_t burst_rle(kdzk_vec* result, const kdzk_vec* src, const kdzk_result_report* report);
 

@@ -85,6 +85,40 @@ constexpr void list_burst(KernelTables& tables) {
   tables.names[id] = kernel_name<BurstRle<W, cla>, BurstOp::burst>;
 }
 
+template <TableIndex index, TableElement element, bool c2d>
+constexpr Draft draft_xlate_name() {
+  constexpr std::string_view index_words[] = {"sim", "off", "ind", "groupkey"};
+  constexpr std::string_view element_words[] = {"bit", "nib", "ub1", "ub2", "ub4"};
+  Draft name;
+  name += "kdzk_xlate_";
+  name += index_words[static_cast<int>(index)];
+  name += "_";
+  name += element_words[static_cast<int>(element)];
+  if (c2d) name += "_c2d";
+  return name;
+}
+
+template <TableIndex index, bool c2d, TableElement... element>
+constexpr void list_xlate(KernelTables& tables) {
+  const auto id = [](TableElement e) {
+    const uint32_t row = static_cast<uint32_t>(e) + (c2d ? KDZK_ROW_VARIANT : 0);
+    return kdzk_id_of_kind(kdzk_kind_of(row, static_cast<uint32_t>(index)), KDZK_OP_XLATE);
+  };
+  if constexpr (index == TableIndex::groupkey) {
+    ((tables.dispatch[id(element)].xlate = xlate_groupkey<element>), ...);
+  } else {
+    ((tables.dispatch[id(element)].xlate = xlate<index, element, c2d>), ...);
+  }
+  ((tables.names[id(element)] = text<draft_xlate_name<index, element, c2d>>.data()), ...);
+}
+
+template <TableIndex... index>
+constexpr void list_xlates(KernelTables& tables) {
+  using enum TableElement;
+  (list_xlate<index, false, bit, nib, ub1, ub2, ub4>(tables), ...);
+  (list_xlate<index, true, nib, ub1, ub2, ub4>(tables), ...);
+}
+
 constexpr KernelTables list_kernels() {
   KernelTables tables{};
   for (const char*& name : tables.names) name = no_kernel;
@@ -106,6 +140,9 @@ constexpr KernelTables list_kernels() {
   list_arithmetic<float, true, ArithmeticOp::add, ArithmeticOp::sub, ArithmeticOp::mul>(tables);
   list_arithmetic<double, false, ArithmeticOp::add, ArithmeticOp::sub, ArithmeticOp::mul>(tables);
   list_arithmetic<double, true, ArithmeticOp::add, ArithmeticOp::sub, ArithmeticOp::mul>(tables);
+  list_xlates<TableIndex::sim, TableIndex::off, TableIndex::ind>(tables);
+  list_xlate<TableIndex::groupkey, true, TableElement::nib, TableElement::ub1, TableElement::ub2, TableElement::ub4>(
+      tables);
   list_idle<Fixed, IdleOp::sum, 8, 16, 32, 64>(tables);
   list_idle<Dict, IdleOp::sum, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32>(tables);
   list_idle<Dict, IdleOp::distinct, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32>(
@@ -122,7 +159,7 @@ constexpr int kernels_in(const KernelTables& tables) {
 }  // namespace
 
 constinit const KernelTables kernel_tables = list_kernels();
-static_assert(kernels_in(list_kernels()) == 747);
+static_assert(kernels_in(list_kernels()) == 800);
 static_assert(sizeof(KernelTables) == (KDZK_DISPATCH_SIZE + KDZK_KERNEL_IDS) * 8);
 
 }  // namespace kdzk

@@ -50,6 +50,8 @@ uint64_t kdzk_point_in_polygon(const kdzk_vec* result, const kdzk_vec* xs, const
                                const kdzk_vec* py);
 uint64_t kdzk_sum_sortable(const kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* groups, const void* unused);
 uint64_t kdzk_decode_sortable(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
+uint64_t kdzk_groupkey_dydi(kdzk_vec* result, uint32_t* key_count, const kdzk_vec* columns, uint64_t column_count,
+                            const kdzk_vec* temp, const kdzk_exec* exec);
 
 uint64_t kdzk_decode_prefix_records(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
 

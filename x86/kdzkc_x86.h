@@ -55,6 +55,9 @@ inline __m128i vector_of(const std::array<Lane, lanes>& a) {
   if constexpr (lanes == 2) return _mm_set_epi64x(a[1], a[0]);
 }
 
+// The bytes of four 32-bit lanes from big-endian to native.
+inline constexpr std::array<uint8_t, 16> turned_round = {3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12};
+
 // ---- Lane arithmetic, by width ----
 
 template <int lane_bits>

@@ -50,9 +50,6 @@ inline constexpr uint16_t indicator_of_empty = 2;
 // number of 32 bits.
 enum class Cut { modulo, saturate };
 
-// The bytes of four 32-bit lanes from big-endian to native.
-inline constexpr std::array<uint8_t, 16> turned_round = {3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12};
-
 // Four codes as 32-bit lanes.
 template <class Code>
 inline __m128i four_codes(const uint8_t* codes) {

@@ -67,6 +67,29 @@ typedef void (*kdzk_absent_fn)(void);
  * bytes: nothing was allocated or written. Or the stream makes another number of bytes than the header says: they are
  * in `dst`, and `*written` is their number. Beyond that the block is trusted; kdzk_host_sqzb_check is for others. */
 
+/* groupkey_dydi: a dense key for each row's combination of codes in several dictionary columns, most significant first,
+ * all arithmetic modulo 2^32:
+ *
+ *     key = (...(code 0 * d 1 + code 1) * d 2 + code 2 ...)       with KDZK_EX_GROUP_MUL, d being the dict_size
+ *     key = (...((code 0 << w 1) + code 1) << w 2) + code 2 ...    without, w being the width modulo 32
+ *
+ * columns: `column_count` (at least 1, its low 32 bits count) input vectors, of each its `kind`, `flags`, `width`,
+ * `dict_size` and what the decode_unpack kernel of its kind reads, which does the decoding: plain, KDZK_BLOCKED and
+ * KDZK_RLE columns go. Of a run-length column behind the 32nd the place in its runs isn't kept: such columns must be
+ * plain. columns[0].nrows: the rows. result->data: the keys, native uint32_t at any alignment, with room for
+ * result->nrows of them. temp->data: scratch of temp->nrows uint32_t, at least 1; it bounds how many rows go together,
+ * and is best if it fits in the first cache. *key_count: the number of keys, one more than the highest.
+ *
+ * exec is only read. exec->row: the first row. exec->selection: its rows only, as decode_unpack takes them.
+ * exec->ones_vec must be null. exec->env: tmp_alloc, commented "kdzk_groupkey_dydi: temp column info", and tmp_free.
+ *
+ * Returns KDZK_DONE, or KDZK_OUTPUT_FULL with result->nrows keys written and rows left: the next call begins with the
+ * row behind the last one of this, exec->row + result->hits unless there is a selection. result->hits: the keys
+ * written. Or, with nothing written, KDZK_UNSUPPORTED if a column lacks KDZK_PACKED_DICT, and KDZK_KEYS_TOO_MANY if the
+ * keys don't fit in 32 bits, whichever the first such column gives. */
+typedef uint64_t (*kdzk_groupkey_fn)(kdzk_vec* result, uint32_t* key_count, const kdzk_vec* columns,
+                                     uint64_t column_count, const kdzk_vec* temp, const kdzk_exec* exec);
+
 /* decode_prefix_records: expands a stream of records of 1 to 8 bytes, stored in groups of 16 without what all records
  * of the group begin with (docs/formats/prefix_records.md), to an array of records.
  *
@@ -146,7 +169,7 @@ typedef struct kdzk_specialized_ctx {
   kdzk_bv_services bv64;                   /* 34 to 50 */
   kdzk_absent_fn bloom_test;               /* 51 */
   kdzk_polygon_fn point_in_polygon;        /* 52: see above */
-  kdzk_absent_fn groupkey_dydi;            /* 53 */
+  kdzk_groupkey_fn groupkey_dydi;          /* 53: see above */
   kdzk_sum_fn sum_sortable;                /* 54: see above */
   kdzk_decode_sortable_fn decode_sortable; /* 55: see above */
   kdzk_prefix_fn decode_prefix_records;    /* 56: see above */

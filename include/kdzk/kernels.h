@@ -166,6 +166,33 @@ typedef uint64_t (*kdzk_burst_fn)(kdzk_vec* result, const kdzk_vec* src, const k
  *   for each row r left, in row order:   s = s + t(r)
  *   result = result + s */
 typedef uint64_t (*kdzk_arithmetic_fn)(kdzk_vec* result, const kdzk_vec* left, const kdzk_vec* right, kdzk_exec* exec);
+/* xlate: looks up the code of every row in a table of small elements. input->data: 32-bit big-endian codes, one per
+ * row; KDZK_NUMERIC and a width of 32 are asked for, KDZK_BLOCKED isn't looked at. `exec` must not be null.
+ *
+ * table->bitvec, by the kernel's form:
+ *   sim   the elements; the index is the code
+ *   off   the elements; the index is the code minus xlate_base of the kdzk_enc_ctx at exec->xlate_info, modulo 2^32
+ *   ind   native 64-bit addresses of pages of elements, 0 for a page that is missing: the page number is the code >>
+ *         page_shift (below 32), the index in it the code & page_mask, both of table->enc_ctx
+ * No index is compared with a table's size. An element is 1 bit (`bit`: bit i % 8 of byte i / 8), 4 bits (`nib`: byte i
+ * / 2, the lower half for even i), or a native integer of 1, 2 or 4 bytes (`ub1`, `ub2`, `ub4`) at any alignment. The
+ * element of all ones means no value, and so does a missing page; every other element is a hit.
+ *
+ * Writes result->bitvec, which the host provides cleared; result->hits, their number; and the kdzk_hit_range at
+ * result->data. Rows from exec->start_row up to input->nrows are looked at. Into a bit vector that isn't cleared, rows
+ * up to a multiple of 8, behind the last whole 16 from there and of a selection OR their bits; of the blocks of 16
+ * between them, those with a hit replace their 16 bits and those without leave them. `_c2d` kernels also store every
+ * row's element at exec->xlate_map, element r of an array of the table's form, whether it is a hit or not.
+ * With exec->selection, whatever exec->flags say, only its rows are looked at and stored, and out_flags2 gets
+ * KDZK_OUT2_XLATE_SELECTIVE.
+ *
+ * Returns KDZK_DONE with hits, KDZK_NO_ROW without, or, with nothing written, KDZK_UNSUPPORTED.
+ *
+ * xlate_groupkey: adds to each native uint32_t key at result->data the element at exec->xlate_map, a table of the form
+ * of `sim`, of the row's code, times exec->group_stride, modulo 2^32. input->data: native uint32_t codes, input->nrows
+ * of them. All ones are a number like others; nothing else is read or written; `table` may be null. Returns KDZK_DONE,
+ * or KDZK_NO_ROW if there are no rows. */
+typedef uint64_t (*kdzk_xlate_fn)(kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* table, kdzk_exec* exec);
 
 /* sum and distinct, of `fixed` and `dict` columns. These do nothing, read nothing and return 0: they stand in the table
  * so that every id that a host may form has a kernel. The 0 is no sum. */
@@ -179,6 +206,7 @@ typedef union kdzk_kernel {
   kdzk_decode_fn decode;
   kdzk_burst_fn burst;
   kdzk_arithmetic_fn arithmetic;
+  kdzk_xlate_fn xlate;
   kdzk_idle_fn idle;
   void (*any)(void);
 } kdzk_kernel;

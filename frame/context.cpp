@@ -67,7 +67,7 @@ extern "C" __attribute__((visibility("default"))) constinit const kdzk_specializ
     .sum_sortable = nullptr,
     .decode_sortable = nullptr,
     .decode_prefix_records = kdzk::kdzk_decode_prefix_records,
-    .hash_rows = nullptr,
+    .hash_rows = kdzk::kdzk_hash_rows,
     .ht_build = nullptr,
     .ht_probe = nullptr,
     .partition_rows = nullptr,

@@ -85,6 +85,21 @@ typedef struct kdzk_prefix_record {
 } kdzk_prefix_record;
 typedef uint64_t (*kdzk_prefix_fn)(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
 
+/* hash_rows: one hash per row of a key column, by the host's function, which is called once per row in row order.
+ *
+ * keys->enc_ctx->flags: the first of KDZK_FIXED_BYTES, KDZK_PACKED_DICT, KDZK_LEN_ARRAY, KDZK_LEN_PREFIXED,
+ * KDZK_PTR_LEN, KDZK_PAIR16 that is set tells the form. A fixed key is width / 8 bytes, cut to a whole number, and so is
+ * the distance to the next. Dictionary codes are of 1 to 32 bits; the key is the code's symbol, at `base` and between
+ * the code's and the next one of `offsets`, its length modulo 2^16. All other lengths are native uint16_t.
+ * keys->nrows: the rows. out->data: room for a native uint64_t per row.
+ * seeds->enc_ctx->flags must have KDZK_NUMERIC. If seeds->nrows is 1, seeds->data is the seed of all rows, a native
+ * uint64_t; with any other number it is an array of one per row of keys. It may be the array of `out`, which chains the
+ * hashes of several columns. Without rows no seed is read.
+ *
+ * Returns KDZK_DONE, or KDZK_UNSUPPORTED if a flag is missing; then nothing was written. */
+typedef uint64_t (*kdzk_hash_rows_fn)(const kdzk_vec* out, const kdzk_vec* keys, const kdzk_vec* seeds,
+                                      kdzk_hash_fn hash);
+
 /* The exported record: 67 words of 64 bits, a word per line unless said otherwise. */
 typedef struct kdzk_specialized_ctx {
   uint64_t magic;                       /* 0: KDZK_MAGIC */
@@ -102,7 +117,7 @@ typedef struct kdzk_specialized_ctx {
   kdzk_absent_fn sum_sortable;          /* 54 */
   kdzk_absent_fn decode_sortable;       /* 55 */
   kdzk_prefix_fn decode_prefix_records; /* 56: see above */
-  kdzk_absent_fn hash_rows;             /* 57 */
+  kdzk_hash_rows_fn hash_rows;          /* 57: see above */
   kdzk_absent_fn ht_build;              /* 58 */
   kdzk_absent_fn ht_probe;              /* 59 */
   kdzk_absent_fn partition_rows;        /* 60 */

@@ -123,7 +123,8 @@ typedef uint32_t (*kdzk_decompress_fn)(const kdzk_sqzb_ctx* ctx, const void* src
 typedef uint32_t (*kdzk_result_cb)(const kdzk_env* env, kdzk_vec* result, const kdzk_vec* input,
                                    const kdzk_result_report* report);
 
-/* Hashes `length` bytes at `key`; equal keys and seeds give equal hashes. */
+/* Hashes `length` bytes at `key`, always below 65536; equal keys and seeds give equal hashes. The library stores what it
+ * returns unchanged and cuts bit fields out of all of it, so that all bits should be well mixed. */
 typedef uint64_t (*kdzk_hash_fn)(const void* key, uint32_t length, uint64_t seed);
 
 /* The host's internal error function. The library imports it by this name: a program that loads the library must export

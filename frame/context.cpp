@@ -70,7 +70,7 @@ extern "C" __attribute__((visibility("default"))) constinit const kdzk_specializ
     .hash_rows = kdzk::kdzk_hash_rows,
     .ht_build = nullptr,
     .ht_probe = nullptr,
-    .partition_rows = nullptr,
+    .partition_rows = kdzk::kdzk_partition_rows,
     .ht_gather = nullptr,
     .fill_pairs = nullptr,
     .pack_rows = nullptr,

@@ -54,6 +54,7 @@ void add_decode_dict();
 void add_decode_unpack();
 void add_numeric();
 void add_sqzb();
+void add_partition();
 void add_xlate();
 
 }  // namespace kdzk_bench

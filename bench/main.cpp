@@ -156,6 +156,7 @@ int main(int argc, char** argv) {
   add_decode_unpack();
   add_numeric();
   add_sqzb();
+  add_partition();
   add_xlate();
   const std::string filter = benchmark::GetBenchmarkFilter();
   regex_t wanted;

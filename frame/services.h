@@ -55,6 +55,10 @@ uint64_t kdzk_groupkey_dydi(kdzk_vec* result, uint32_t* key_count, const kdzk_ve
 
 uint64_t kdzk_decode_prefix_records(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
 
+uint64_t kdzk_hash_rows(const kdzk_vec* out, const kdzk_vec* keys, const kdzk_vec* seeds, kdzk_hash_fn hash);
+uint64_t kdzk_partition_rows(const kdzk_partdesc* desc, const kdzk_vec* keys, const kdzk_vec* rows, kdzk_hash_fn hash,
+                             kdzk_exec* exec);
+
 uint32_t sqzb_decode_x86(const kdzk_sqzb_ctx* ctx, const void* src, void* dst, uint32_t* out_len, uint32_t capacity);
 
 }  // namespace kdzk

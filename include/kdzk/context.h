@@ -173,15 +173,54 @@ typedef struct kdzk_specialized_ctx {
   kdzk_sum_fn sum_sortable;                /* 54: see above */
   kdzk_decode_sortable_fn decode_sortable; /* 55: see above */
   kdzk_prefix_fn decode_prefix_records;    /* 56: see above */
-  kdzk_absent_fn hash_rows;                /* 57 */
+  kdzk_hash_rows_fn hash_rows;          /* 57: see above */
   kdzk_absent_fn ht_build;                 /* 58 */
   kdzk_absent_fn ht_probe;                 /* 59 */
-  kdzk_absent_fn partition_rows;           /* 60 */
+  kdzk_partition_fn partition_rows;     /* 60: see above */
   kdzk_absent_fn ht_gather;                /* 61 */
   kdzk_absent_fn fill_pairs;               /* 62 */
   kdzk_absent_fn pack_rows;                /* 63 */
   kdzk_decompress_fn sqzb_decode_x86;      /* 64: see above */
   uint64_t (*reserved0[2])(void);          /* 65, 66: reads nothing, returns 0 */
+/* hash_rows: one hash per row of a key column, by the host's function, which is called once per row in row order.
+ * keys->enc_ctx->flags: the first of KDZK_FIXED_BYTES, KDZK_PACKED_DICT, KDZK_LEN_ARRAY, KDZK_LEN_PREFIXED,
+ * KDZK_PTR_LEN, KDZK_PAIR16 that is set tells the form. A fixed key is width / 8 bytes, cut to a whole number, and so
+ * is the distance to the next. Dictionary codes are of 1 to 32 bits; the key is the code's symbol, at `base` and
+ * between the code's and the next one of `offsets`, its length modulo 2^16. All other lengths are native uint16_t.
+ * keys->nrows: the rows. out->data: room for a native uint64_t per row.
+ * seeds->enc_ctx->flags must have KDZK_NUMERIC. If seeds->nrows is 1, seeds->data is the seed of all rows, a native
+ * uint64_t; with any other number it is an array of one per row of keys. It may be the array of `out`, which chains the
+ * hashes of several columns. Without rows no seed is read.
+ * Returns KDZK_DONE, or KDZK_UNSUPPORTED if a flag is missing; then nothing was written. */
+typedef uint64_t (*kdzk_hash_rows_fn)(const kdzk_vec* out, const kdzk_vec* keys, const kdzk_vec* seeds,
+                                      kdzk_hash_fn hash);
+/* partition_rows: writes a record per row to the buffer of the row's partition: the number in bits part_lo to part_hi
+ * of the row's hash. Records of a partition stay in row order. The layout of the records is the first of these whose
+ * bits are all in desc->flags; fields are native, without alignment:
+ *     KDZK_PART_B  24 bytes         hash (8), key (4), 4 bytes that are not written, row id (8)
+ *     KDZK_PART_A  16 bytes         row id (8), hash (8)
+ *     KDZK_PART_C  10 + n bytes     n + 8 (2), hash (8), payload (n, up to 65527 bytes)
+ *     KDZK_PART_D  8 + n bytes      hash (8), payload (n = desc->payload_size)
+ * keys: keys->nrows rows, in a form by the first flag that is set: KDZK_FIXED_BYTES, KDZK_LEN_ARRAY, KDZK_LEN_PREFIXED,
+ * KDZK_PTR_LEN, KDZK_PAIR16, which `hash` hashes with seed 0; in A, KDZK_KEYED16: records A of an earlier pass, copied
+ * whole; in all but B, KDZK_NUMERIC: native 64-bit hashes. In B, KDZK_HASH_U32 only: native uint32_t, hashed as 4
+ * bytes. In C, KDZK_LEN_PREFIXED and KDZK_NUMERIC together come first: records C of an earlier pass, copied whole.
+ * `rows` and `hash` may be null where nothing is taken from them.
+ * rows: in A and B the row ids, rows->rowbase + row with KDZK_IMPLICIT_IDS, else the native uint64_t array rows->data;
+ * in C the payloads, in the first of the five forms above that is set; in D the same with KDZK_FIXED_BYTES only, of
+ * which payload_size bytes are copied from every width / 8. Fixed keys and payloads of a call lie within 4 GiB. The
+ * values that pointers lead to need no padding.
+ * exec: row, key_off and payload_off are 0 in the first call for a vector, then as the call before left them. `hash` is
+ * called for up to 1024 rows at a time, before these are placed; rows behind the one that a call stops at are hashed
+ * again in the next.
+ * Returns KDZK_DONE: row = keys->nrows. KDZK_PARTITION_FULL: there are fewer bytes between desc->cursors[part] and
+ * desc->limits[part] than the record of row `row` needs; the rows before it are placed, and the host makes room in that
+ * partition, by moving both pointers or either, before it calls again. In both cases key_off and payload_off, of
+ * columns in the forms KDZK_LEN_ARRAY and KDZK_LEN_PREFIXED, are the byte at which row `row` begins, prefix included.
+ * KDZK_UNSUPPORTED: there is no such layout or form, or the layout is C or D, desc->flags has KDZK_PART_NO_PAYLOAD and
+ * the keys aren't records C; nothing was written. */
+typedef uint64_t (*kdzk_partition_fn)(const kdzk_partdesc* desc, const kdzk_vec* keys, const kdzk_vec* rows,
+                                      kdzk_hash_fn hash, kdzk_exec* exec);
 } kdzk_specialized_ctx;
 
 KDZK_ASSERT_SIZE(kdzk_prefix_record, 16);

@@ -123,7 +123,8 @@ typedef uint32_t (*kdzk_decompress_fn)(const kdzk_sqzb_ctx* ctx, const void* src
 typedef uint32_t (*kdzk_result_cb)(const kdzk_env* env, kdzk_vec* result, const kdzk_vec* input,
                                    const kdzk_result_report* report);
 
-/* Hashes `length` bytes at `key`; equal keys and seeds give equal hashes. */
+/* Hashes `length` bytes at `key`, always below 65536; equal keys and seeds give equal hashes. The library stores what
+ * it returns unchanged and cuts bit fields out of all of it, so that all bits should be well mixed. */
 typedef uint64_t (*kdzk_hash_fn)(const void* key, uint32_t length, uint64_t seed);
 
 /* The host's internal error function. The library imports it by this name: a program that loads the library must export
@@ -269,16 +270,23 @@ struct kdzk_hit_range {
   uint32_t last;
 };
 
+/* kdzk_partdesc.flags: the layout of the records, see kdzk_partition_fn. */
+#define KDZK_PART_A 0x09u          /* row id and hash */
+#define KDZK_PART_B 0x29u          /* hash, native 32-bit key and row id */
+#define KDZK_PART_C 0x0au          /* length, hash and payload */
+#define KDZK_PART_D 0x0cu          /* hash and payload of a fixed size */
+#define KDZK_PART_NO_PAYLOAD 0x10u /* forbids C and D */
+
 /* Output of the hash partitioning, one buffer per partition: partition = hash bits part_lo to part_hi. Not to be shared
  * between threads. */
 struct kdzk_partdesc {
   uint32_t leading;       /* the host's; not read */
-  uint8_t flags;          /* In: record layout */
+  uint8_t flags;          /* In: KDZK_PART_A and so on */
   uint8_t part_hi;        /* In: highest hash bit of the partition number, 0 to 63 */
   uint8_t part_lo;        /* In: lowest hash bit of it */
-  uint16_t payload_size;  /* In: bytes of a fixed payload */
+  uint16_t payload_size;  /* In: bytes of a payload in layout D */
   uint8_t** cursors;      /* In/out: where the next record goes, one pointer per partition */
-  uint8_t* const* limits; /* In: first byte behind the buffer, one pointer per partition */
+  uint8_t* const* limits; /* In: first byte behind the buffer, one pointer per partition; null entry: no limit */
 };
 
 /* A hash table of 64-byte buckets, split by a directory. During a build each directory entry belongs to one thread; a

@@ -152,6 +152,7 @@ int main(int argc, char** argv) {
   add_bit_vectors();
   add_burst_rle();
   add_prefix_records();
+  add_row_store();
   add_decode_dict();
   add_decode_unpack();
   add_numeric();

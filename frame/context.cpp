@@ -71,9 +71,9 @@ extern "C" __attribute__((visibility("default"))) constinit const kdzk_specializ
     .ht_build = nullptr,
     .ht_probe = nullptr,
     .partition_rows = kdzk::kdzk_partition_rows,
-    .ht_gather = nullptr,
-    .fill_pairs = nullptr,
-    .pack_rows = nullptr,
+    .ht_gather = kdzk::kdzk_ht_gather,
+    .fill_pairs = kdzk::kdzk_fill_pairs,
+    .pack_rows = kdzk::kdzk_pack_rows,
     .sqzb_decode_x86 = kdzk::sqzb_decode_x86,
     .reserved0 = {kdzk::kdzk_reserved0, kdzk::kdzk_reserved0},
 };

@@ -156,32 +156,6 @@ typedef uint64_t (*kdzk_sum_fn)(const kdzk_vec* result, const kdzk_vec* input, c
 typedef uint64_t (*kdzk_polygon_fn)(const kdzk_vec* result, const kdzk_vec* xs, const kdzk_vec* ys, const kdzk_vec* px,
                                     const kdzk_vec* py);
 
-/* The exported record: 67 words of 64 bits, a word per line unless said otherwise. */
-typedef struct kdzk_specialized_ctx {
-  uint64_t magic;                          /* 0: KDZK_MAGIC */
-  const char* version;                     /* 1: KDZK_VERSION */
-  uint64_t count;                          /* 2: 3 */
-  const char* name;                        /* 3: "vexksse4219", names this build for SSSE3, SSE4.1, SSE4.2 and POPCNT */
-  uint64_t numbers[10];                    /* 4 to 13: 8, 8, 8, 8, 8, 8, 8, 16, 0, 16 */
-  const kdzk_kernel* dispatch;             /* 14: KDZK_DISPATCH_SIZE entries, indexed by kernel id; see kdzk_name_of */
-  void (*noop1[2])(void*);                 /* 15, 16: does nothing */
-  kdzk_bv_services bv8;                    /* 17 to 33 */
-  kdzk_bv_services bv64;                   /* 34 to 50 */
-  kdzk_absent_fn bloom_test;               /* 51 */
-  kdzk_polygon_fn point_in_polygon;        /* 52: see above */
-  kdzk_groupkey_fn groupkey_dydi;          /* 53: see above */
-  kdzk_sum_fn sum_sortable;                /* 54: see above */
-  kdzk_decode_sortable_fn decode_sortable; /* 55: see above */
-  kdzk_prefix_fn decode_prefix_records;    /* 56: see above */
-  kdzk_hash_rows_fn hash_rows;          /* 57: see above */
-  kdzk_absent_fn ht_build;                 /* 58 */
-  kdzk_absent_fn ht_probe;                 /* 59 */
-  kdzk_partition_fn partition_rows;     /* 60: see above */
-  kdzk_absent_fn ht_gather;                /* 61 */
-  kdzk_absent_fn fill_pairs;               /* 62 */
-  kdzk_absent_fn pack_rows;                /* 63 */
-  kdzk_decompress_fn sqzb_decode_x86;      /* 64: see above */
-  uint64_t (*reserved0[2])(void);          /* 65, 66: reads nothing, returns 0 */
 /* hash_rows: one hash per row of a key column, by the host's function, which is called once per row in row order.
  * keys->enc_ctx->flags: the first of KDZK_FIXED_BYTES, KDZK_PACKED_DICT, KDZK_LEN_ARRAY, KDZK_LEN_PREFIXED,
  * KDZK_PTR_LEN, KDZK_PAIR16 that is set tells the form. A fixed key is width / 8 bytes, cut to a whole number, and so
@@ -221,6 +195,137 @@ typedef uint64_t (*kdzk_hash_rows_fn)(const kdzk_vec* out, const kdzk_vec* keys,
  * the keys aren't records C; nothing was written. */
 typedef uint64_t (*kdzk_partition_fn)(const kdzk_partdesc* desc, const kdzk_vec* keys, const kdzk_vec* rows,
                                       kdzk_hash_fn hash, kdzk_exec* exec);
+
+/* ht_gather: the values of locators, as a column. A locator is a number that names a page and an entry of a row store
+ * (kdzk_rowstore), such as the payload of a probe's pair. Six pairs of forms need no row store: they copy the values of
+ * a column of addresses.
+ *
+ * in->enc_ctx->flags: of the rows' locators, the first of
+ *   KDZK_FIXED_BYTES   native numbers of width / 8 bytes, row i at byte i * (width / 8) of in->data, a position that is
+ *                      taken modulo 2^32 unless they are of 1, 2, 4 or 8 bytes. Of longer ones the first 8 bytes count.
+ *                      A locator is read by a load of 8 bytes: the column's padding must be there.
+ *   KDZK_PROBE_PAIRS   16-byte pairs; the second native uint64_t is the locator, or with KDZK_EX_PAIR_WORD0 in
+ *                      exec->flags the first.
+ * in->nrows: the rows. row_store->page_hi and page_lo cut a locator, row_store->flags tells the page form: the first of
+ * KDZK_STORE_PAIRS, KDZK_STORE_REFS, KDZK_STORE_OFFSETS. The references of KDZK_STORE_REFS are resolved by ref_bits and
+ * ref_pages of out->enc_ctx, whatever the form of output.
+ *
+ * out->enc_ctx->flags: the first of the flags below; later ones are not looked at, even if this one leads nowhere. A
+ * call fills the output from its beginning, however many rows earlier calls have done; all that is written is native.
+ *   KDZK_FIXED_BYTES   row_store->width / 8 bytes from the value's address on. The entry's length is not looked at:
+ * that many bytes must be readable even of a shorter value. KDZK_LEN_ARRAY     the value's bytes, back to back; its
+ * length as uint16_t in out->lengths. KDZK_LEN_PREFIXED  the length as uint16_t and behind it the bytes, back to back.
+ *   KDZK_PTR_LEN       the value's address in out->data, 8 bytes; its length in out->lengths. No byte is copied.
+ *   KDZK_PAIR16        length and address as a 16-byte entry, bytes 2 to 7 of which keep what they hold.
+ *   KDZK_REF_WORDS     a compact word of 8 bytes, the only form that goes by row: row i's is at byte 8 * i of
+ * out->data, in every call. The word is reference << 16 | length. The reference of an entry of KDZK_STORE_REFS is the
+ * entry's own, cut to its low out->enc_ctx->ref_bits bits; of the other two it is (page << ref_bits) + the low ref_bits
+ * bits of the value's address: a host that resolves it as (ref_pages[page] + low bits) must keep ref_pages[page]
+ * aligned to 2^ref_bits bytes. out->out_size: bytes at out->data, which limits every form but the last one. It is not
+ * reduced. out->lengths needs room for as many rows as can fit. A value of KDZK_STORE_OFFSETS may be longer than 65535
+ * bytes: it is copied whole, and the length stored is its low 16 bits, as it is in the two forms that keep addresses
+ * and in compact words.
+ *
+ * Copies without a row store, which may then be null: out has KDZK_LEN_ARRAY or, failing that, KDZK_LEN_PREFIXED, even
+ * together with KDZK_FIXED_BYTES, and in->enc_ctx->flags has one of, in this order:
+ *   KDZK_PTR_LEN       addresses in in->data, lengths in in->lengths
+ *   KDZK_PAIR16        16-byte entries
+ *   KDZK_REF_WORDS     compact words; with r = word >> 16, the value is at ref_pages[r >> ref_bits] plus the low
+ * ref_bits bits of r, by the fields of in->enc_ctx. This is asked before anything else, so a column that has these
+ * flags is never taken for one of locators then.
+ *
+ * exec->row: the first row to take, 0 in a first call; on return the first row not done. The record must be given, and
+ * nothing else of it is written. Returns one of
+ *   KDZK_DONE          row is in->nrows, also where it was beyond that on entry.
+ *   KDZK_OUTPUT_FULL   the value of row `row` needs more than what is left; nothing of it was written, nor behind the
+ *                      last row written. The rows of this call are those from the old `row` on. The host takes them and
+ *                      calls again. A value that is longer than the whole output gives this again and again.
+ *   KDZK_UNSUPPORTED   no such combination of flags; nothing was written, and `exec` was not read but for its flags.
+ * Locators, entries and lengths are trusted. Those of rows behind the one at which a call stops may have been read.
+ * Nothing needs an alignment, and values need no readable bytes behind them. */
+typedef uint64_t (*kdzk_gather_fn)(const kdzk_vec* out, const kdzk_vec* in, const kdzk_rowstore* row_store,
+                                   kdzk_exec* exec);
+
+/* fill_pairs: writes one column into a pair matrix. The matrix is the array of 16-byte (length, address) pairs at
+ * matrix->pair_cursors[part], matrix->ncols pairs a row: that of row r and column c begins at byte
+ * 16 * (r * ncols + c). A call writes the pairs (0, column) to (col->nrows - 1, column), whose bytes 2 to 7 keep what
+ * they hold, and nothing else; the cursor stays where it is. After a call for each column the matrix names all values
+ * of all rows; no byte of them has been read or copied, so they must stay where they are as long as the matrix is in
+ * use.
+ *
+ * Of `matrix` it reads flags, which must have KDZK_STORE_PAIRS, ncols and pair_cursors[part]. To have ht_gather or
+ * pack_rows read the matrix, the host puts its address in `pairs` too: those two don't look at cursors.
+ * `column` is taken modulo 65536 and must be below ncols, `part` must not be negative. col->enc_ctx->flags: the first
+ * of KDZK_FIXED_BYTES   values of width / 8 bytes, cut to a whole number, back to back KDZK_LEN_ARRAY     values back
+ * to back, their lengths in col->lengths KDZK_LEN_PREFIXED  values back to back, each behind its length; the pair has
+ * the address of the value KDZK_PTR_LEN       addresses in col->data, lengths in col->lengths KDZK_PAIR16 16-byte
+ * entries Empty values get an address too, that at which a value would be. The matrix and the column must not overlap.
+ *
+ * Returns KDZK_DONE, or KDZK_UNSUPPORTED if a flag is missing; then nothing was written. */
+typedef uint64_t (*kdzk_fill_pairs_fn)(const kdzk_rowstore* matrix, const kdzk_vec* col, uint32_t column, int32_t part);
+
+/* pack_rows: copies the rows first_row to last_row, both included, of a pair matrix into a page of a row store, and
+ * enters in the page's directory where each row or each value went.
+ *
+ * source: `pairs`, of which source_page is the matrix; ncols; and of `flags` KDZK_STORE_ROWS.
+ * target: `flags`, and of its arrays the entries of target_page. With t for that entry:
+ *   data_cursors[t]    where the next byte goes; moved on behind the bytes of the rows done
+ *   data_limits[t]     the first byte behind the room for them, not below the cursor
+ *   offset_cursors[t]  KDZK_STORE_OFFSETS: where the next native uint32_t of the directory goes; moved on
+ *   pair_cursors[t]    KDZK_STORE_PAIRS, and not KDZK_STORE_OFFSETS: where its next 16-byte pair goes; moved on
+ * Only data_limits bounds anything. The host sees to the directory's room: per row, or per value, 4 or 16 bytes, and
+ * with KDZK_STORE_OFFSETS and first_row 0 another 4.
+ *
+ * With KDZK_STORE_ROWS in target->flags and not in source->flags, a row is one item: each of its values as uint16_t
+ * length and bytes, back to back, so that it takes 2 bytes for each column more than its values. The sizes are kept in
+ * 16 bits, and wrap for longer rows. In all other cases each value is an item, of its bytes alone. KDZK_STORE_OFFSETS:
+ * the directory has the end of each item, counted in bytes from an entry before the first one. If first_row is 0 the
+ * call begins by storing an entry of 0 and moves the cursor on; otherwise the running end is read from the entry just
+ * before the cursor, which must be there. n items are n + 1 entries, and item i lies between entries i and i + 1. To
+ * let ht_gather read them, bases[t] is the address of the first item's bytes. KDZK_STORE_PAIRS: the directory has a
+ * pair for each item, with its address. The length of a row is the sum of its values' lengths, without the 2 bytes
+ * before each; a host that wants to walk over the row adds 2 * ncols. Bytes 2 to 7 of a pair keep what they hold.
+ *
+ * first_row is an unsigned, last_row a signed number; no row is done if first_row is above last_row. exec->row, which
+ * is not read, receives the first row not done, and the return value is
+ *   KDZK_DONE         row is last_row + 1, or first_row if that is above last_row.
+ *   KDZK_PAGE_FULL    row `row` didn't fit, or only some of its values did: the cursors stand at its beginning, and
+ * what is in memory behind them has no meaning. The host goes on with first_row = row, either on the same page, after
+ * raising data_limits[t]; if row is 0 and the directory is of offsets, it first puts offset_cursors[t] back by 4 bytes,
+ * as the call will store the entry of 0 again; or on a fresh page, whose directory of offsets, unless row is 0, the
+ * host begins itself: it stores an entry, of 0 if items are to be counted from the page's bytes, and puts the cursor
+ * behind it. A row longer than a whole page gives this again and again. KDZK_UNSUPPORTED  `target` is null, or has
+ * neither flag; nothing was written, exec->row neither. Nothing needs an alignment, and values need no readable bytes
+ * behind them. Neither values nor the matrix may lie in what is written. */
+typedef uint64_t (*kdzk_pack_rows_fn)(const kdzk_rowstore* target, const kdzk_rowstore* source, int32_t target_page,
+                                      int32_t source_page, uint32_t first_row, int32_t last_row, kdzk_exec* exec);
+
+/* The exported record: 67 words of 64 bits, a word per line unless said otherwise. */
+typedef struct kdzk_specialized_ctx {
+  uint64_t magic;                          /* 0: KDZK_MAGIC */
+  const char* version;                     /* 1: KDZK_VERSION */
+  uint64_t count;                          /* 2: 3 */
+  const char* name;                        /* 3: "vexksse4219", names this build for SSSE3, SSE4.1, SSE4.2 and POPCNT */
+  uint64_t numbers[10];                    /* 4 to 13: 8, 8, 8, 8, 8, 8, 8, 16, 0, 16 */
+  const kdzk_kernel* dispatch;             /* 14: KDZK_DISPATCH_SIZE entries, indexed by kernel id; see kdzk_name_of */
+  void (*noop1[2])(void*);                 /* 15, 16: does nothing */
+  kdzk_bv_services bv8;                    /* 17 to 33 */
+  kdzk_bv_services bv64;                   /* 34 to 50 */
+  kdzk_absent_fn bloom_test;               /* 51 */
+  kdzk_polygon_fn point_in_polygon;        /* 52: see above */
+  kdzk_groupkey_fn groupkey_dydi;          /* 53: see above */
+  kdzk_sum_fn sum_sortable;                /* 54: see above */
+  kdzk_decode_sortable_fn decode_sortable; /* 55: see above */
+  kdzk_prefix_fn decode_prefix_records;    /* 56: see above */
+  kdzk_hash_rows_fn hash_rows;             /* 57: see above */
+  kdzk_absent_fn ht_build;                 /* 58 */
+  kdzk_absent_fn ht_probe;                 /* 59 */
+  kdzk_partition_fn partition_rows;        /* 60: see above */
+  kdzk_gather_fn ht_gather;                /* 61: see above */
+  kdzk_fill_pairs_fn fill_pairs;           /* 62: see above */
+  kdzk_pack_rows_fn pack_rows;             /* 63: see above */
+  kdzk_decompress_fn sqzb_decode_x86;      /* 64: see above */
+  uint64_t (*reserved0[2])(void);          /* 65, 66: reads nothing, returns 0 */
 } kdzk_specialized_ctx;
 
 KDZK_ASSERT_SIZE(kdzk_prefix_record, 16);

@@ -79,6 +79,14 @@ extern "C" {
 #define KDZK_OUT_UNPACK_ROW 0x40u       /* Decode-unpack: `row` was written. */
 #define KDZK_OUT2_XLATE_SELECTIVE 0x01u /* In out_flags2. Translate: the selective path ran. */
 
+/* ---- kdzk_rowstore.flags: what a page's entries are. Gather asks for them from the last to the first, row packing
+ * takes KDZK_STORE_OFFSETS before KDZK_STORE_PAIRS. ---- */
+
+#define KDZK_STORE_ROWS 0x02u    /* Row packing: in the target, whole rows are packed, unless the source has it too. */
+#define KDZK_STORE_OFFSETS 0x08u /* Pages of uint32_t offsets of value bytes. */
+#define KDZK_STORE_REFS 0x10u    /* Pages of 8-byte compact words. */
+#define KDZK_STORE_PAIRS 0x20u   /* Pages of 16-byte (length, address) pairs. */
+
 typedef struct kdzk_vec kdzk_vec;
 typedef struct kdzk_enc_ctx kdzk_enc_ctx;
 typedef struct kdzk_run_position kdzk_run_position;
@@ -303,22 +311,33 @@ struct kdzk_htdesc {
   uint8_t low_bits;       /* In: number of low hash bits that join the directory index */
 };
 
-/* Rows of a join's build side, in pages. The arrays have one entry per page; a form uses only its own. */
+/* Rows of a join's build side, in pages. Of the arrays, each has one entry per page, and a page form uses only its own.
+ *
+ * A locator is a 64-bit number for an entry of a page. With page_lo 64 it is the entry's number, of page 0. Otherwise
+ * the page is its bits page_lo to page_hi, and the entry its bits below page_lo; bits above page_hi have no meaning.
+ *
+ * An entry stands for a value by, in native numbers,
+ *   KDZK_STORE_PAIRS    16 bytes at pairs[page] + 16 * entry: uint16_t length, 6 bytes of no meaning, address
+ *   KDZK_STORE_REFS     8 bytes at refs[page] + 8 * entry, a compact word: length in the low 16 bits, and above it a
+ *                       reference r. The value is at ref_pages[0] + the low ref_bits bits of r; both fields are those
+ * of the kdzk_enc_ctx of gather's output. Page 0 alone is used: this differs from how a column of KDZK_REF_WORDS is
+ * read. KDZK_STORE_OFFSETS  two uint32_t at offsets[page] + 4 * entry: the value begins at bases[page] + the first, and
+ * ends before bases[page] + the second, so that n entries are n + 1 numbers. */
 struct kdzk_rowstore {
   uint32_t leading;            /* the host's; not read */
-  uint32_t flags;              /* In: page form */
+  uint32_t flags;              /* In: KDZK_STORE_PAIRS and so on: page form, layout of packed rows */
   uint16_t ncols;              /* In: columns per row of a pair matrix */
   uint16_t width;              /* In: bits of a value, for fixed-width output */
-  uint8_t page_hi;             /* In: highest bit of the page number in a locator */
-  uint8_t page_lo;             /* In: lowest bit of it, the bits below being the entry; 64: all entry, page 0 */
-  uint8_t* const* pairs;       /* In: pages of 16-byte (length, pointer) entries */
-  uint8_t** pair_cursors;      /* In/out: next free entry */
-  uint8_t* const* refs;        /* In: pages of 8-byte compact reference words */
-  uint8_t* const* offsets;     /* In: pages of uint32_t offsets */
+  uint8_t page_hi;             /* In: highest bit of the page number in a locator, up to 63 */
+  uint8_t page_lo;             /* In: lowest bit of it, up to page_hi, the bits below being the entry; or 64 */
+  uint8_t* const* pairs;       /* In: pages of pairs, or pair matrices */
+  uint8_t** pair_cursors;      /* In/out: next free pair; of a matrix to be filled, its first pair */
+  uint8_t* const* refs;        /* In: pages of compact words */
+  uint8_t* const* offsets;     /* In: pages of offsets */
   uint8_t** offset_cursors;    /* In/out: next free offset */
   const uint64_t* bases;       /* In: address of each page's value bytes */
   uint8_t** data_cursors;      /* In/out: next free byte of value data */
-  uint8_t* const* data_limits; /* In: end of the value data */
+  uint8_t* const* data_limits; /* In: first byte behind the room for value data */
 };
 
 /* ---- The layout is a contract with hosts in any language. ---- */

@@ -4,7 +4,7 @@
 #ifndef KDZK_EXAMPLES_ASK_LIBRARY_H
 #define KDZK_EXAMPLES_ASK_LIBRARY_H
 
-#include <kdzk/kdzk.h>
+#include <kdzk/host/loader.h>
 
 #include <string>
 
@@ -13,26 +13,25 @@ namespace ask {
 class Library {
  public:
   explicit Library(const std::string& path);  // throws Error if it isn't the library that we were built for
-  ~Library();
+  ~Library() { kdzk_host_unload(&library_); }
   Library(const Library&) = delete;
   Library& operator=(const Library&) = delete;
 
-  const kdzk_bv_services& bits() const { return context_->bv64; }
+  const kdzk_bv_services& bits() const { return library_.ctx->bv64; }
 
-  kdzk_decompress_fn decompressor() const { return context_->sqzb_decode_x86; }
+  kdzk_decompress_fn decompressor() const { return library_.ctx->sqzb_decode_x86; }
 
   // Kernels by a column's kind and an operation. Not every combination exists.
   const kdzk_kernel& kernel(uint8_t kind, uint32_t operation) const {
-    return context_->dispatch[kdzk_id_of_kind(kind, operation)];
+    return library_.ctx->dispatch[kdzk_id_of_kind(kind, operation)];
   }
   bool has(uint8_t kind, uint32_t operation) const { return kernel(kind, operation).any != nullptr; }
   const char* name(uint8_t kind, uint32_t operation) const {
-    return kdzk_name_of(context_, kdzk_id_of_kind(kind, operation));
+    return kdzk_name_of(library_.ctx, kdzk_id_of_kind(kind, operation));
   }
 
  private:
-  void* object_;
-  const kdzk_specialized_ctx* context_;
+  kdzk_host_library library_;
 };
 
 }  // namespace ask

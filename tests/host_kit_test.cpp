@@ -1,0 +1,417 @@
+// SPDX-License-Identifier: Apache-2.0
+// The host kit's loader, its look-up of kernels, and its memory.
+
+#include <gtest/gtest.h>
+#include <kdzk/host.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <set>
+
+#include "tests/support/host.h"
+
+namespace kdzk_test {
+namespace {
+
+// ---- The loader. ----
+
+// A file with these bytes, for the duration of a test.
+class File {
+ public:
+  explicit File(const std::string& bytes) : path_(testing::TempDir() + "kdzk_file_" + std::to_string(getpid())) {
+    std::ofstream(path_, std::ios::binary) << bytes;
+  }
+  ~File() { unlink(path_.c_str()); }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+void expect_refused(const std::string& path, uint32_t code, const std::string& sentence) {
+  kdzk_host_library library;
+  std::memset(&library, 0x77, sizeof library);
+  EXPECT_EQ(kdzk_host_load(path.c_str(), &library), code) << library.text;
+  EXPECT_EQ(library.ctx, nullptr);
+  EXPECT_EQ(library.handle, nullptr);
+  EXPECT_NE(std::string(library.text).find(sentence), std::string::npos) << library.text;
+  // Wrong, a colon, what to do; the whole of it fits.
+  EXPECT_NE(std::string(library.text).find(": "), std::string::npos) << library.text;
+  EXPECT_LT(std::strlen(library.text), sizeof library.text - 1);
+  kdzk_host_unload(&library);
+}
+
+// The first bytes of a shared object with another 16-bit number at `offset`.
+std::string header_with(size_t offset, uint16_t number) {
+  std::string bytes(64, '\0');
+  std::ifstream(KDZK_LIBRARY, std::ios::binary).read(bytes.data(), 64);
+  bytes[offset] = static_cast<char>(number);
+  bytes[offset + 1] = static_cast<char>(number >> 8);
+  return bytes;
+}
+
+TEST(Loader, RefusesFilesThatAreNoLibrary) {
+  expect_refused("", KDZK_HOST_NO_FILE, "can't read  (No such file or directory): give the path");
+  expect_refused("/nowhere/libvexksse4219.so", KDZK_HOST_NO_FILE,
+                 "can't read /nowhere/libvexksse4219.so (No such file or directory): give the path");
+  expect_refused(std::string(300, 'x'), KDZK_HOST_NO_FILE, "xxx (File name too long): give");
+  expect_refused("/" + std::string(5000, 'x'), KDZK_HOST_NO_FILE, "can't read ...xxx");
+  expect_refused("/", KDZK_HOST_NO_FILE, "can't read / (Is a directory)");
+  expect_refused(KDZK_SOURCE_DIR "/README.md", KDZK_HOST_NO_OBJECT, "README.md is no shared object");
+  expect_refused(File("\x7f"
+                      "ELF")
+                     .path(),
+                 KDZK_HOST_NO_OBJECT, "no ELF header");
+  constexpr size_t type_at = 16, machine_at = 18;
+  expect_refused(File(header_with(machine_at, 183)).path(), KDZK_HOST_NO_OBJECT,
+                 "for another processor (ELF machine 183)");
+  expect_refused(File(header_with(4, 0x101)).path(), KDZK_HOST_NO_OBJECT, "for another processor");  // of 32 bits
+  expect_refused(File(header_with(type_at, 2)).path(), KDZK_HOST_NO_OBJECT, "(ELF type 2), not a shared object");
+  expect_refused(File(header_with(type_at, 3)).path(), KDZK_HOST_NOT_OPENED, "see that the file is whole");
+}
+
+TEST(Loader, RefusesOtherLibraries) {
+  expect_refused(KDZK_FAKE_UNBOUND, KDZK_HOST_NOT_OPENED, "kdzk_test_nobody_has_this");  // which it binds at once
+  expect_refused(KDZK_FAKE_NO_RECORD, KDZK_HOST_FOREIGN, "it has no kdzk_global_specialized_ctx: give");
+  expect_refused(KDZK_FAKE_MAGIC, KDZK_HOST_FOREIGN, "begins with 0xb9018219 and not 0xb9018218: give");
+  expect_refused(KDZK_FAKE_VERSION, KDZK_HOST_OTHER_VERSION, "has version \"19.0-7\", and this program was built for");
+}
+
+TEST(Loader, LoadsAndUnloads) {
+  kdzk_host_library first, second;
+  ASSERT_EQ(kdzk_host_load(KDZK_LIBRARY, &first), KDZK_HOST_LOADED) << first.text;
+  EXPECT_STREQ(first.text, "19.1-1 vexksse4219");
+  EXPECT_EQ(first.ctx, &library());
+  ASSERT_EQ(kdzk_host_load(KDZK_LIBRARY, &second), KDZK_HOST_LOADED);
+  kdzk_host_unload(&first);
+  EXPECT_EQ(first.ctx, nullptr);
+  EXPECT_EQ(second.ctx->magic, KDZK_MAGIC);
+  kdzk_host_unload(&second);
+  kdzk_host_unload(&second);
+}
+
+// ---- The look-up. ----
+
+TEST(FindKernel, FindsEachKernelByItsNameAndByItsCombination) {
+  std::set<uint32_t> ids;
+  for (uint32_t id = 0; id < KDZK_KERNEL_IDS; id++) {
+    if (library().dispatch[id].any == nullptr) continue;
+    ids.insert(id);
+    const char* const name = kdzk_name_of(&library(), id);
+    kdzk_host_kernel named, combined;
+    ASSERT_EQ(kdzk_host_find_kernel_named(&library(), name, &named), KDZK_HOST_FOUND) << name << ": " << named.text;
+    EXPECT_EQ(named.id, id) << name;
+    EXPECT_EQ(named.kind, id / 32) << name;
+    EXPECT_EQ(named.operation, id % 32) << name;
+    EXPECT_EQ(named.entry.any, library().dispatch[id].any) << name;
+    EXPECT_STREQ(named.text, name);
+    ASSERT_EQ(kdzk_host_find_kernel(&library(), named.operation, named.form, named.width, &combined), KDZK_HOST_FOUND);
+    EXPECT_EQ(combined.id, id) << name;
+    EXPECT_STREQ(combined.text, name);
+  }
+  for (uint32_t operation = 0; operation < 40; operation++) {  // and finds no other
+    for (uint32_t form = 0; form < 40; form++) {
+      for (uint32_t width = 0; width < 200; width++) {
+        kdzk_host_kernel kernel;
+        if (kdzk_host_find_kernel(&library(), operation, form, width, &kernel) == KDZK_HOST_FOUND) {
+          EXPECT_EQ(ids.erase(kernel.id), 1u) << kernel.text << " is found twice";
+        } else {
+          ASSERT_EQ(kernel.entry.any, nullptr);
+          ASSERT_EQ(std::string(kernel.text).substr(0, 21), "no such combination: ");
+        }
+      }
+    }
+  }
+  EXPECT_TRUE(ids.empty());
+}
+
+// Names and ids of the kernels that have no width in bits, in a library that has an entry everywhere.
+TEST(FindKernel, KnowsTheRuleOfTablesAndOperands) {
+  std::vector<kdzk_kernel> everywhere(KDZK_DISPATCH_SIZE);
+  for (kdzk_kernel& entry : everywhere) entry.any = [] {};
+  kdzk_specialized_ctx full{};
+  full.dispatch = everywhere.data();
+  const auto expect = [&](const std::string& name, uint32_t id) {
+    kdzk_host_kernel kernel;
+    ASSERT_EQ(kdzk_host_find_kernel_named(&full, name.c_str(), &kernel), KDZK_HOST_FOUND) << kernel.text;
+    EXPECT_EQ(kernel.id, id) << name;
+    EXPECT_EQ(kernel.text, name);
+  };
+  const std::string elements[] = {"bit", "nib", "ub1", "ub2", "ub4"}, tables[] = {"sim", "off", "ind", "groupkey"};
+  for (uint32_t table = 0; table < 4; table++) {
+    for (uint32_t element = 0; element < 5; element++) {
+      const uint32_t column = 17 + 32 * table;
+      if (table < 3) expect("kdzk_xlate_" + tables[table] + "_" + elements[element], element * 128 + column);
+      if (element == 0) continue;
+      expect("kdzk_xlate_" + tables[table] + "_" + elements[element] + "_c2d", (32 + element) * 128 + column);
+    }
+  }
+  const std::string operations[] = {"add", "sub", "mul"};
+  for (uint32_t row : {0u, 1u, 4u, 5u, 8u, 9u, 12u, 13u, 32u, 33u, 36u, 37u, 40u, 41u, 44u, 45u}) {
+    for (uint32_t operation = 0; operation < 3; operation++) {
+      expect("kdzk_" + operations[operation] + (row & 1 ? "_double" : "_float") + (row & 4 ? "_c" : "_n") +
+                 (row & 8 ? "_c" : "_n") + (row & 32 ? "_sum" : ""),
+             row * 128 + 19 + operation);
+    }
+  }
+  for (uint32_t width = 1; width <= 20; width++) {
+    expect("kdzk_set_dict_" + std::to_string(width) + "bit", (width - 1) * 128 + 45);
+  }
+  kdzk_host_kernel kernel;  // what the rule doesn't have, whatever the table says
+  for (const char* name : {"kdzk_eq_rle_8bit", "kdzk_burst_dict_8bit", "kdzk_burst_rle_9bit", "kdzk_eq_dict_21bit",
+                           "kdzk_xlate_dict_8bit", "kdzk_eq_sim_ub1", "kdzk_xlate_float_n_n", "kdzk_add_dict_8bit"}) {
+    EXPECT_EQ(kdzk_host_find_kernel_named(&full, name, &kernel), KDZK_HOST_NO_KERNEL) << name;
+  }
+}
+
+TEST(FindKernel, SaysWhatThereIs) {
+  const auto text = [](uint32_t operation, uint32_t form, uint32_t width) -> std::string {
+    kdzk_host_kernel kernel;
+    return kdzk_host_find_kernel(&library(), operation, form, width, &kernel) == KDZK_HOST_FOUND ? "" : kernel.text;
+  };
+  EXPECT_EQ(text(KDZK_OP_EQ, KDZK_HOST_FORM_DICT_NULL, 21),
+            "no such combination: eq of dict_null exists at 1 to 20, 24, 32 and 64 bits, not at 21");
+  EXPECT_EQ(text(KDZK_OP_GE_LE, KDZK_HOST_FORM_FIXED, 24),
+            "no such combination: ge_le of fixed exists at 8, 16, 32 and 64 bits, not at 24");
+  EXPECT_EQ(text(KDZK_OP_DECODE, KDZK_HOST_FORM_DYNP, 16),
+            "no such combination: decode of dynp exists at no bits, not at 16");
+  EXPECT_EQ(text(18, 0, 8), "no such combination: there is no operation of the number 18");
+  EXPECT_EQ(text(0, 24, 8), "no such combination: there is no form of the number 24");
+  for (const char* name : {"", "kdzk_", "kdzk_eq", "kdzk_eq_dict_13bi", "kdzk_eq_dict_13bits", "kdzk_eq_dict_013bit",
+                           "eq_dict_13bit", "kdzk_invalid_dispatch", "kdzk_decode_dict_13bit_nul"}) {
+    kdzk_host_kernel kernel;
+    EXPECT_EQ(kdzk_host_find_kernel_named(&library(), name, &kernel), KDZK_HOST_NO_KERNEL);
+    EXPECT_EQ(kernel.entry.any, nullptr);
+    EXPECT_EQ(kernel.text, "no kernel is named \"" + std::string(name) +
+                               "\": names are like kdzk_eq_dict_13bit, kdzk_xlate_ind_ub2_c2d and "
+                               "kdzk_add_double_n_c_sum");
+  }
+  kdzk_host_kernel kernel;  // a name by the rule, without a kernel
+  EXPECT_EQ(kdzk_host_find_kernel_named(&library(), "kdzk_eq_dynp_8bit", &kernel), KDZK_HOST_NO_KERNEL);
+  EXPECT_STREQ(kernel.text, "no such combination: eq of dynp exists at 16, 32 and 64 bits, not at 8");
+}
+
+// ---- Sizes. ----
+
+TEST(Sizes, AlwaysAddThePadding) {
+  for (uint64_t bytes = 0; bytes < 100; bytes++) {
+    EXPECT_GE(kdzk_host_padded(bytes), bytes + 16);
+    EXPECT_LT(kdzk_host_padded(bytes), bytes + 32);
+    EXPECT_EQ(kdzk_host_padded(bytes) % 16, 0u);
+    EXPECT_EQ(kdzk_host_bitvec_bytes(bytes), (bytes + 63) / 64 * 8);
+    EXPECT_EQ(kdzk_host_padded_rows(bytes, 13), kdzk_host_padded((bytes * 13 + 7) / 8));
+  }
+  EXPECT_EQ(kdzk_host_padded_rows(1ull << 60, 64), kdzk_host_padded(1ull << 63));
+  EXPECT_EQ(kdzk_host_padded_rows((1ull << 61) + 1, 20), kdzk_host_padded((5ull << 60) + 3));
+  EXPECT_EQ(kdzk_host_padded_rows(1ull << 61, 64), UINT64_MAX);
+  for (uint64_t less = 0; less < 33; less++) EXPECT_GE(kdzk_host_padded(UINT64_MAX - less), UINT64_MAX - 31);
+  EXPECT_EQ(kdzk_host_bitvec_words(UINT64_MAX), 1ull << 58);
+}
+
+// ---- Memory, by predicates on blocked columns. ----
+
+enum class Kind { malloc, arena, guarded };
+
+class AnyMemory : public testing::Test {
+ protected:
+  static constexpr uint32_t rows = 3000, width = 13;
+
+  explicit AnyMemory(Kind kind) : kind_(kind), room_(1 << 20) {
+    std::vector<uint32_t> codes;
+    for (uint32_t row = 0; row < rows; row++) codes.push_back(row * row % 97);
+    for (uint32_t code : codes) below_50_ += code < 50;
+    std::vector<uint8_t> packed(kdzk_host_packed_bytes(rows, width));
+    kdzk_host_pack(codes.data(), rows, width, packed.data());
+    block_.resize(kdzk_host_sqzb_bound(static_cast<uint32_t>(packed.size()), KDZK_HOST_SQZB_ANY_WIDTH));
+    uint64_t block_size = 0;
+    EXPECT_EQ(kdzk_host_sqzb_write(packed.data(), static_cast<uint32_t>(packed.size()), KDZK_HOST_SQZB_ANY_WIDTH,
+                                   block_.data(), block_.size(), &block_size),
+              KDZK_HOST_DONE);
+    block_.resize(block_size + KDZK_PADDING);
+    column_.flags = KDZK_BLOCKED;
+    column_.width = width;
+    for (int i = 0; i < 3; i++) {
+      vectors_[i].data = block_.data();
+      vectors_[i].enc_ctx = &column_;
+      vectors_[i].nrows = rows;
+      vectors_[i].decomp_size = static_cast<uint32_t>(packed.size());
+      vectors_[i].decomp_slot = &slots_[i];
+      vectors_[i].alloc_tag = kdzk_host_tag(&slots_[i]);
+    }
+    make(room_.size());
+  }
+
+  void make(uint64_t room) {
+    if (kind_ == Kind::malloc) kdzk_host_memory_malloc(&memory_, &library());
+    if (kind_ == Kind::arena) kdzk_host_memory_arena(&memory_, &library(), room_.data(), room);
+    if (kind_ == Kind::guarded) kdzk_host_memory_guarded(&memory_, &library());
+  }
+
+  // `lt` by 50 on a vector.
+  void scan(int vector) {
+    kdzk_host_kernel lt;
+    ASSERT_EQ(kdzk_host_find_kernel(&library(), KDZK_OP_LT, KDZK_HOST_FORM_DICT, width, &lt), KDZK_HOST_FOUND);
+    std::vector<uint64_t> bits(kdzk_host_bitvec_words(rows));
+    uint32_t k = 50;
+    kdzk_vec result{};
+    result.bitvec = bits.data();
+    result.nrows = rows;
+    kdzk_kargs constant{};
+    constant.data = &k;
+    kdzk_exec exec{};
+    exec.env = &memory_.env;
+    EXPECT_EQ(lt.entry.compare(&result, &vectors_[vector], &constant, &exec), KDZK_DONE);
+    EXPECT_EQ(result.hits, below_50_);
+  }
+
+  const Kind kind_;
+  uint32_t below_50_ = 0;
+  std::vector<uint8_t> block_, room_;
+  kdzk_enc_ctx column_{};
+  kdzk_vec vectors_[3] = {};
+  void* slots_[3] = {};
+  kdzk_host_memory memory_;
+};
+
+class Memory : public AnyMemory, public testing::WithParamInterface<Kind> {
+ protected:
+  Memory() : AnyMemory(GetParam()) {}
+};
+
+TEST_P(Memory, HoldsCopiesUntilTheyAreGivenBack) {
+  for (int round = 0; round < 3; round++) {
+    for (int vector = 0; vector < 3; vector++) scan(vector);
+    void* const copy = slots_[0];
+    scan(0);
+    EXPECT_EQ(slots_[0], copy);
+    for (void* slot : slots_) EXPECT_EQ(reinterpret_cast<uintptr_t>(slot) % 16, 0u);
+    EXPECT_EQ(memory_.copies, 3u);
+    EXPECT_EQ(memory_.scratch, 0u);
+    kdzk_host_memory_release(&memory_, &slots_[1]);  // neither the first nor the last
+    kdzk_host_memory_release(&memory_, &slots_[1]);
+    EXPECT_EQ(slots_[1], nullptr);
+    EXPECT_EQ(memory_.copies, 2u);
+    scan(1);
+    kdzk_host_memory_release(&memory_, &slots_[1]);
+    kdzk_host_memory_reset(&memory_);
+    for (void* slot : slots_) EXPECT_EQ(slot, nullptr);
+    EXPECT_EQ(memory_.copies, 0u);
+    EXPECT_EQ(memory_.bytes, 0u);
+  }
+  EXPECT_GE(memory_.high_water, 3 * kdzk_host_padded(vectors_[0].decomp_size));
+  EXPECT_EQ(kdzk_host_memory_close(&memory_), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, Memory, testing::Values(Kind::malloc, Kind::arena, Kind::guarded));
+
+class Arena : public AnyMemory {
+ protected:
+  Arena() : AnyMemory(Kind::arena) {}
+};
+
+TEST_F(Arena, IsEnoughAtItsHighWaterMark) {
+  scan(0);
+  scan(1);
+  kdzk_host_memory_close(&memory_);
+  const uint64_t enough = memory_.high_water;
+  make(enough + 15);
+  scan(0);
+  scan(1);
+  EXPECT_EQ(kdzk_host_memory_close(&memory_), 0u);
+  EXPECT_EQ(memory_.high_water, enough);
+  make(enough - 16);
+  scan(0);
+  EXPECT_EXIT(scan(1), testing::KilledBySignal(SIGABRT), "kdzk: no memory for .* \\([0-9]+ bytes\\)");
+  memory_.out_of_memory = [](kdzk_host_memory*, uint64_t, const char*) { std::_Exit(3); };
+  EXPECT_EXIT(scan(1), testing::ExitedWithCode(3), "");
+  kdzk_host_memory_close(&memory_);
+}
+
+TEST_F(Arena, TakesTheLastScratchAgain) {
+  void *first_word = &first_word, *second_word = &second_word;
+  const auto scratch = [&](uint64_t size, void** word) {
+    return static_cast<uint8_t*>(memory_.env.tmp_alloc(memory_.env.hctx, size, "k: scratch", 8, 0, word));
+  };
+  uint8_t* const first = scratch(20, &first_word);
+  const uint64_t bytes = memory_.bytes;
+  uint8_t* const second = scratch(41, &second_word);
+  EXPECT_LE(second + 41, first);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(first) % 8 + reinterpret_cast<uintptr_t>(second) % 8, 0u);
+  memory_.env.tmp_free(memory_.env.hctx, second, second_word);
+  EXPECT_EQ(memory_.bytes, bytes);
+  EXPECT_EQ(scratch(41, &second_word), second);
+  memory_.env.tmp_free(memory_.env.hctx, first, first_word);  // in the other order
+  memory_.env.tmp_free(memory_.env.hctx, second, second_word);
+  EXPECT_EQ(memory_.bytes, 0u);
+}
+
+class GuardedMemory : public AnyMemory {
+ protected:
+  GuardedMemory() : AnyMemory(Kind::guarded) {}
+};
+
+// What a library with mistakes would do.
+TEST_F(GuardedMemory, ReportsMistakes) {
+  static std::vector<std::string> sentences;
+  memory_.report = [](kdzk_host_memory*, const char* sentence) { sentences.push_back(sentence); };
+  const auto expect = [&](const std::string& sentence) {
+    EXPECT_EQ(sentences, (std::vector<std::string>{sentence}));
+    sentences.clear();
+  };
+  void *word = &word, *other = nullptr;
+  const auto scratch = [&](uint64_t size) {
+    return static_cast<uint8_t*>(memory_.env.tmp_alloc(memory_.env.hctx, size, "k: scratch", 4, 0, &word));
+  };
+  const auto free_it = [&](void* piece, void* out) { memory_.env.tmp_free(memory_.env.hctx, piece, out); };
+  const auto copy = [&](uint32_t size) {
+    return static_cast<uint8_t*>(memory_.env.alloc(memory_.env.hctx, nullptr, size, "k: copy", 8, 16, 0));
+  };
+
+  uint8_t* piece = scratch(100);
+  piece[0] = piece[99] = 1;
+  EXPECT_DEATH(piece[100] = 1, "");
+  free_it(piece, word);
+  EXPECT_TRUE(sentences.empty());
+  EXPECT_DEATH(piece[0] = 1, "");
+  free_it(piece, word);
+  expect("\"k: scratch\" (100 bytes) was given back twice");
+  free_it(&other, word);
+  EXPECT_NE(sentences.at(0).find("was given back, but is no scratch of this memory"), std::string::npos);
+  sentences.clear();
+  piece = scratch(8);
+  free_it(piece, &other);
+  expect("\"k: scratch\" was given back with another `out` than tmp_alloc left");
+  piece = scratch(6);
+  piece[-3] = 0;
+  free_it(piece, word);
+  expect("byte 3 before \"k: scratch\" (6 bytes) was written");
+  piece = scratch(6);
+  piece[7] = 0;  // which its alignment leaves
+  free_it(piece, word);
+  expect("byte 1 behind \"k: scratch\" (6 bytes) was written");
+
+  void* slot = copy(40);
+  EXPECT_DEATH(static_cast<uint8_t*>(slot)[64] = 1, "");
+  static_cast<uint8_t*>(slot)[40] = 1;
+  kdzk_host_memory_release(&memory_, &slot);
+  expect("byte 0 behind \"k: copy\" (40 bytes) was written");
+  slot = copy(0);
+  kdzk_host_memory_release(&memory_, &slot);
+  for (int i = 0; i < 1100; i++) {  // more than are remembered
+    piece = scratch(1);
+    free_it(piece, word);
+  }
+  EXPECT_TRUE(sentences.empty());
+  copy(1);
+  scratch(2);
+  EXPECT_EQ(kdzk_host_memory_close(&memory_), 8u);
+  EXPECT_EQ(sentences, (std::vector<std::string>{"\"k: scratch\" (2 bytes) was never given back",
+                                                 "\"k: copy\" (1 bytes) was never given back"}));
+  sentences.clear();
+}
+
+}  // namespace
+}  // namespace kdzk_test

@@ -11,6 +11,7 @@
 #include <kdzk/host/packed_codes.h>
 #include <kdzk/host/prefix_records.h>
 #include <kdzk/host/run_length.h>
+#include <kdzk/host/sortable.h>
 #include <kdzk/host/sqzb.h>
 #include <kdzk/kdzk.h>
 

@@ -8,8 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
-#include <map>
+#include <memory>
 
 #include "tests/support/value_columns.h"
 
@@ -243,7 +244,7 @@ uint32_t call_and_compare(Input& input, kdzk_partdesc desc, kdzk_exec& exec, con
   for (size_t p = 0; p < rooms.size(); p++) {
     EXPECT_EQ(cursors[p], starts[p] + buffers[p].size()) << p;
     buffers[p].resize(memory[p].size(), garbage);
-    EXPECT_EQ(std::memcmp(starts[p], buffers[p].data(), buffers[p].size()), 0) << p;
+    EXPECT_TRUE(std::equal(buffers[p].begin(), buffers[p].end(), starts[p])) << p;
   }
   return full ? row : n;
 }

@@ -69,6 +69,10 @@ uint64_t decode_unpack(kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec)
 template <class Family>
 uint64_t decode_symbol(kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec);
 
+// Whether the codes are in a set.
+template <class Family>
+uint64_t set(kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* table, kdzk_exec* exec);
+
 template <int W, bool cla>
 uint64_t burst_rle(kdzk_vec* result, const kdzk_vec* src, const kdzk_result_report* report);
 

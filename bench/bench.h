@@ -52,6 +52,7 @@ void add_burst_rle();
 void add_prefix_records();
 void add_decode_dict();
 void add_decode_unpack();
+void add_set();
 void add_sqzb();
 
 }  // namespace kdzk_bench

@@ -154,6 +154,7 @@ int main(int argc, char** argv) {
   add_prefix_records();
   add_decode_dict();
   add_decode_unpack();
+  add_set();
   add_sqzb();
   const std::string filter = benchmark::GetBenchmarkFilter();
   regex_t wanted;

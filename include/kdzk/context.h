@@ -85,6 +85,25 @@ typedef struct kdzk_prefix_record {
 } kdzk_prefix_record;
 typedef uint64_t (*kdzk_prefix_fn)(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
 
+/* bloom_test: which rows of a column of hashes may be in a filter that the host built (kdzk/host/bloom.h); one bit
+ * each.
+ *
+ * values: enc_ctx->flags must have KDZK_NUMERIC. enc_ctx->width is 32 for elements of 4 bytes at `data`, big-endian
+ * numbers; with any other value they are 8 bytes, of which the last four are read, as a big-endian number. nrows: the
+ * end of the rows; exec->start_row, not above it, is the first. No padding is read.
+ * filter: of enc_ctx bloom_paged, bloom_mask and, if bloom_paged isn't 0, page_shift and page_mask. v being the number
+ * AND bloom_mask, a row's bit is bit v % 8 of byte v / 8 at `bitvec`. In a paged filter `bitvec` points to an array of
+ * pointers to pages; with b = v AND page_mask, it is bit b % 8 of byte b / 8 of page v >> (page_shift % 32).
+ * exec, not null: selection, start_row and out_flags. With a selection, whatever exec->flags says, only its rows are
+ * tested, and out_flags gets KDZK_OUT_BLOOM_SELECTIVE. Of the selection the words of the rows are read.
+ * result: data, a kdzk_hit_range, and hits are written. bitvec, zero for these rows: a hit sets its row's bit. In a
+ * vector that isn't zero bits of earlier hits stay, but without a selection 16 rows are written together, beginning at
+ * each 16th row after the first multiple of 8 from start_row on, if one of them is a hit and all are below nrows.
+ *
+ * Returns KDZK_DONE, KDZK_NO_ROW if no row is a hit, or KDZK_UNSUPPORTED without KDZK_NUMERIC; then nothing was
+ * written. A filter is only read, and may be shared by threads. */
+typedef uint64_t (*kdzk_bloom_fn)(kdzk_vec* result, const kdzk_vec* values, const kdzk_vec* filter, kdzk_exec* exec);
+
 /* The exported record: 67 words of 64 bits, a word per line unless said otherwise. */
 typedef struct kdzk_specialized_ctx {
   uint64_t magic;                       /* 0: KDZK_MAGIC */
@@ -96,7 +115,7 @@ typedef struct kdzk_specialized_ctx {
   void (*noop1[2])(void*);              /* 15, 16: does nothing */
   kdzk_bv_services bv8;                 /* 17 to 33 */
   kdzk_bv_services bv64;                /* 34 to 50 */
-  kdzk_absent_fn bloom_test;            /* 51 */
+  kdzk_bloom_fn bloom_test;             /* 51: see above */
   kdzk_absent_fn point_in_polygon;      /* 52 */
   kdzk_absent_fn groupkey_dydi;         /* 53 */
   kdzk_absent_fn sum_sortable;          /* 54 */

@@ -150,6 +150,7 @@ int main(int argc, char** argv) {
 
   add_predicates();
   add_bit_vectors();
+  add_bloom();
   add_burst_rle();
   add_prefix_records();
   add_decode_dict();

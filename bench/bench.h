@@ -48,12 +48,14 @@ void add_group(const std::string& kernel, const std::string& data, uint64_t rows
 // Each file of benchmarks adds its own groups.
 void add_predicates();
 void add_bit_vectors();
+void add_bloom();
 void add_burst_rle();
 void add_prefix_records();
 void add_row_store();
 void add_decode_dict();
 void add_decode_unpack();
 void add_numeric();
+void add_set();
 void add_sqzb();
 void add_partition();
 void add_xlate();

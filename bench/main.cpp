@@ -150,12 +150,14 @@ int main(int argc, char** argv) {
 
   add_predicates();
   add_bit_vectors();
+  add_bloom();
   add_burst_rle();
   add_prefix_records();
   add_row_store();
   add_decode_dict();
   add_decode_unpack();
   add_numeric();
+  add_set();
   add_sqzb();
   add_partition();
   add_xlate();

@@ -61,7 +61,7 @@ extern "C" __attribute__((visibility("default"))) constinit const kdzk_specializ
             .no_next = kdzk::kdzk_bv64_no_next,
             .no_batch = kdzk::kdzk_bv_no_batch,
         },
-    .bloom_test = nullptr,
+    .bloom_test = kdzk::kdzk_bloom_test,
     .point_in_polygon = kdzk::kdzk_point_in_polygon,
     .groupkey_dydi = kdzk::kdzk_groupkey_dydi,
     .sum_sortable = kdzk::kdzk_sum_sortable,

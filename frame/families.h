@@ -98,6 +98,10 @@ uint64_t xlate(kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* table, k
 template <TableElement element>
 uint64_t xlate_groupkey(kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* unused, kdzk_exec* exec);
 
+// Whether the codes are in a set.
+template <class Family>
+uint64_t set(kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* table, kdzk_exec* exec);
+
 template <int W, bool cla>
 uint64_t burst_rle(kdzk_vec* result, const kdzk_vec* src, const kdzk_result_report* report);
 

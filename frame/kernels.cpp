@@ -54,6 +54,12 @@ constexpr void list_decode(KernelTables& tables) {
   ((tables.names[id_of<Dict<W>, op>()] = kernel_name<Dict<W>, op>), ...);
 }
 
+template <int... W>
+constexpr void list_set(KernelTables& tables) {
+  ((tables.dispatch[id_of<Dict<W>, SetOp::set>()].set = set<Dict<W>>), ...);
+  ((tables.names[id_of<Dict<W>, SetOp::set>()] = kernel_name<Dict<W>, SetOp::set>), ...);
+}
+
 uint64_t idle(kdzk_vec*, const kdzk_vec*, const kdzk_vec*, kdzk_exec*) { return 0; }
 
 template <template <int> class Family, IdleOp op, int... W>
@@ -132,6 +138,7 @@ constexpr KernelTables list_kernels() {
   list_decode<DecodeOp::decode_symbol, 8, 16, 32>(tables);
   list_decode<DecodeOp::decode_unpack, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32>(
       tables);
+  list_set<1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32>(tables);
   list_burst<8, false>(tables);
   list_burst<8, true>(tables);
   list_burst<16, false>(tables);

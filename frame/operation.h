@@ -28,6 +28,9 @@ constexpr std::string_view word_of(DecodeOp op) {
 }
 constexpr std::string_view word_of(IdleOp op) { return op == IdleOp::sum ? "sum" : "distinct"; }
 
+enum class SetOp : uint8_t { set = 13 };
+constexpr std::string_view word_of(SetOp) { return "set"; }
+
 enum class BurstOp : uint8_t { burst = 14 };
 constexpr std::string_view word_of(BurstOp) { return "burst"; }
 

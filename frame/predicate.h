@@ -117,8 +117,9 @@ inline uint32_t evaluate_rows(Source source, const Codes& codes, uint8_t* bits, 
 }
 
 // The end of a full evaluation: ANDs filter and selection into the result, stores hits, runs result_cb under KDZK_RLE.
+// `applied` is what exec->out_flags gets for the selection.
 uint64_t finish_predicate(kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec, const uint64_t* filter,
-                          uint8_t* bits, uint32_t nrows, uint32_t hits);
+                          uint8_t* bits, uint32_t nrows, uint32_t hits, uint8_t applied);
 
 // The end of the companion: ANDs the filter into the result and stores hits.
 uint64_t finish_selected(kdzk_vec* result, const uint64_t* filter, uint8_t* bits, uint32_t nrows, uint32_t hits);
@@ -150,7 +151,7 @@ uint64_t predicate(const PredicateKernel& kernel, kdzk_vec* result, const kdzk_v
   uint8_t* const bits = reinterpret_cast<uint8_t*>(runs ? enc->own_bitvec : result->bitvec);
   const uint8_t* const data = column_bytes(kernel.texts, input, exec);
   const uint32_t hits = D::evaluate(call, data, bits, nrows);
-  return finish_predicate(result, input, exec, filter, bits, nrows, hits);
+  return finish_predicate(result, input, exec, filter, bits, nrows, hits, KDZK_OUT_SELECTION);
 }
 
 template <class Family, Op op>

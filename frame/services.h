@@ -52,6 +52,7 @@ uint64_t kdzk_sum_sortable(const kdzk_vec* result, const kdzk_vec* input, const 
 uint64_t kdzk_decode_sortable(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
 uint64_t kdzk_groupkey_dydi(kdzk_vec* result, uint32_t* key_count, const kdzk_vec* columns, uint64_t column_count,
                             const kdzk_vec* temp, const kdzk_exec* exec);
+uint64_t kdzk_bloom_test(kdzk_vec* result, const kdzk_vec* values, const kdzk_vec* filter, kdzk_exec* exec);
 
 uint64_t kdzk_decode_prefix_records(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
 

@@ -67,11 +67,12 @@ std::map<uint32_t, std::string> idle_kernels() {
   return kernels;
 }
 
-// Decoding, and run bits to row bits.
+// Decoding, sets, and run bits to row bits.
 std::map<uint32_t, std::string> decoding_kernels() {
   std::map<uint32_t, std::string> kernels;
   for (int width : dict_widths) kernels[row_of(width) * 128 + 43] = named("decode_unpack", "dict", width);
   for (int width : dict_widths) kernels[row_of(width) * 128 + 42] = named("decode", "dict", width);
+  for (int width : dict_widths) kernels[row_of(width) * 128 + 45] = named("set", "dict", width);
   for (int width : {8, 16, 32}) kernels[row_of(width) * 128 + 44] = named("decode_symbol", "dict", width);
   kernels[6 * 128 + 110] = "kdzk_burst_rle_8bit";
   kernels[7 * 128 + 110] = "kdzk_burst_rle_8bit_cla";

@@ -4,6 +4,7 @@
 #ifndef KDZK_HOST_H
 #define KDZK_HOST_H
 
+#include <kdzk/host/bloom.h>
 #include <kdzk/host/errors.h>
 #include <kdzk/host/find_kernel.h>
 #include <kdzk/host/loader.h>

@@ -132,6 +132,17 @@ typedef uint64_t (*kdzk_between_fn)(kdzk_vec* result, const kdzk_vec* input, con
  * Codes must be below the dictionary's size; no kernel checks them. */
 typedef uint64_t (*kdzk_decode_fn)(kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec);
 
+/* set: whether each row's code is in a set of codes. The third argument is the set: its bitvec is a table of 2^width
+ * bits in native words, code c at bit c % 64 of word c / 64; nothing else of that record is read. At 1 bit only the two
+ * lowest bits of the table count. Of the table no page is touched but those that hold a word which some row's code asks
+ * for, and from 11 bits on no other word, so that a host may map a window of a large one. `input`, `result` and `exec`
+ * are as for `eq`, with these differences: input->filter isn't looked at; the selection's flag is
+ * KDZK_OUT_SET_SELECTION; the 1-bit kernel has a selective path too; of the padding only the first
+ * KDZK_SET_PADDING bytes are read. Bits past the last row are clear in the result, but for a 1-bit set: with code 0 in
+ * it those of the last word are set before the selection is ANDed in, and the selective path copies the selection's if
+ * both codes are in it. Without rows nothing is written but result->hits. */
+typedef uint64_t (*kdzk_set_fn)(kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* table, kdzk_exec* exec);
+
 /* burst_rle: bits per run to bits per row. A result_cb calls it with what it was given itself.
  *
  * report->bitvec: a bit for each of the src->enc_ctx->own_nrows runs. report->hits: how many of them are set, which
@@ -204,6 +215,7 @@ typedef union kdzk_kernel {
   kdzk_compare_fn compare;
   kdzk_between_fn between;
   kdzk_decode_fn decode;
+  kdzk_set_fn set;
   kdzk_burst_fn burst;
   kdzk_arithmetic_fn arithmetic;
   kdzk_xlate_fn xlate;

@@ -27,6 +27,8 @@ extern "C" {
 
 /* Bytes that must be readable behind the last row of a column or `lengths` stream. */
 #define KDZK_PADDING 16u
+/* So many of them are all that the `set` kernels read. */
+#define KDZK_SET_PADDING 8u
 
 /* ---- Return codes: the low 32 bits of what a kernel or service returns; the upper 32 are zero. ---- */
 

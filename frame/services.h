@@ -49,6 +49,10 @@ uint64_t kdzk_bv_no_batch(kdzk_bv_iter* iter, uint32_t* rows, uint32_t capacity,
 uint64_t kdzk_decode_prefix_records(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
 
 uint64_t kdzk_hash_rows(const kdzk_vec* out, const kdzk_vec* keys, const kdzk_vec* seeds, kdzk_hash_fn hash);
+uint64_t kdzk_ht_build(const kdzk_htdesc* desc, const kdzk_vec* keys, const kdzk_vec* rows, int32_t partition,
+                       kdzk_hash_fn hash, kdzk_exec* exec);
+uint64_t kdzk_ht_probe(kdzk_vec* out, const kdzk_vec* keys, const kdzk_vec* rows, const kdzk_htdesc* desc,
+                       kdzk_hash_fn hash, kdzk_exec* exec);
 
 uint32_t sqzb_decode_x86(const kdzk_sqzb_ctx* ctx, const void* src, void* dst, uint32_t* out_len, uint32_t capacity);
 

@@ -49,6 +49,7 @@ void add_group(const std::string& kernel, const std::string& data, uint64_t rows
 void add_predicates();
 void add_bit_vectors();
 void add_burst_rle();
+void add_hash_table();
 void add_prefix_records();
 void add_decode_dict();
 void add_decode_unpack();

@@ -151,6 +151,7 @@ int main(int argc, char** argv) {
   add_predicates();
   add_bit_vectors();
   add_burst_rle();
+  add_hash_table();
   add_prefix_records();
   add_decode_dict();
   add_decode_unpack();

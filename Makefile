@@ -26,7 +26,7 @@ test:
 	ctest --test-dir $(BUILD) --output-on-failure
 
 bench:
-	tools/setup.sh test
+	tools/setup.sh bench
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
 	cmake --build $(BUILD) --target run_bench --parallel $(JOBS)
 

@@ -50,6 +50,7 @@ void add_predicates();
 void add_bit_vectors();
 void add_bloom();
 void add_burst_rle();
+void add_hash_table();
 void add_prefix_records();
 void add_row_store();
 void add_decode_dict();

@@ -152,6 +152,7 @@ int main(int argc, char** argv) {
   add_bit_vectors();
   add_bloom();
   add_burst_rle();
+  add_hash_table();
   add_prefix_records();
   add_row_store();
   add_decode_dict();

@@ -64,6 +64,10 @@ uint64_t kdzk_ht_gather(const kdzk_vec* out, const kdzk_vec* in, const kdzk_rows
 uint64_t kdzk_fill_pairs(const kdzk_rowstore* matrix, const kdzk_vec* col, uint32_t column, int32_t part);
 uint64_t kdzk_pack_rows(const kdzk_rowstore* target, const kdzk_rowstore* source, int32_t target_page,
                         int32_t source_page, uint32_t first_row, int32_t last_row, kdzk_exec* exec);
+uint64_t kdzk_ht_build(const kdzk_htdesc* desc, const kdzk_vec* keys, const kdzk_vec* rows, int32_t partition,
+                       kdzk_hash_fn hash, kdzk_exec* exec);
+uint64_t kdzk_ht_probe(kdzk_vec* out, const kdzk_vec* keys, const kdzk_vec* rows, const kdzk_htdesc* desc,
+                       kdzk_hash_fn hash, kdzk_exec* exec);
 
 uint32_t sqzb_decode_x86(const kdzk_sqzb_ctx* ctx, const void* src, void* dst, uint32_t* out_len, uint32_t capacity);
 

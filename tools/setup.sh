@@ -6,13 +6,15 @@
 #
 #   tools/setup.sh demo   for the library and the example
 #   tools/setup.sh test   for the tests and benchmarks too
+#   tools/setup.sh bench  for all that the benchmarks compare with
 set -eu
 
 case "${1-}" in
   demo) needed="g++ cmake libcsv-dev robin-map-dev" ;;
   test) needed="g++ cmake libcsv-dev robin-map-dev libgtest-dev libbenchmark-dev liblz4-dev wamerican binutils pkg-config" ;;
+  bench) needed="g++ cmake libcsv-dev robin-map-dev libbenchmark-dev liblz4-dev libabsl-dev libboost1.81-dev libxxhash-dev" ;;
   *)
-    echo "usage: $0 demo|test" >&2
+    echo "usage: $0 demo|test|bench" >&2
     exit 2
     ;;
 esac

@@ -300,6 +300,65 @@ typedef uint64_t (*kdzk_fill_pairs_fn)(const kdzk_rowstore* matrix, const kdzk_v
 typedef uint64_t (*kdzk_pack_rows_fn)(const kdzk_rowstore* target, const kdzk_rowstore* source, int32_t target_page,
                                       int32_t source_page, uint32_t first_row, int32_t last_row, kdzk_exec* exec);
 
+/* ht_build: inserts the rows of a vector into a hash table of 64-byte buckets, in memory that is all the host's.
+ *
+ * desc->flags: the form of the buckets. Native fields at any alignment; byte 0 is the header, and the 8 bytes at 56 the
+ * address of the chain's next bucket:
+ *
+ *     flags   tag bits   payload bits   entries   tags at byte   payloads at byte   hash bits below the bucket number
+ *     1       16         64             5         2              16                 16
+ *     2       16         32             9         2              20                 16
+ *     4       32         64             4         4              24                 32
+ *     8       32         32             6         4              32                 32
+ *
+ * The header has the count of entries in bits 0 to 3. KDZK_BUCKET_UNIQUE: no tag of the bucket occurs twice in it or in
+ * a bucket behind it. KDZK_BUCKET_CHAINED: the bucket is full and the address valid. A tag is the hash's lowest bits;
+ * with KDZK_HT_KEY_MODE added to 4 or 8 it is the row's own native 32-bit key. The bucket's number is the hash bits
+ * from the one told to desc->bucket_hi. Rows of a chain stay in the order of their insertion.
+ *
+ * desc->tables, cursors, limits: for each entry of the directory the bucket array, which the host clears before the
+ * first row, and the overflow room, from which a bucket of 64 bytes is taken at the cursor where a chain's last one is
+ * full. The room needs no clearing. `partition` 0 or more: the entry of all rows. Negative: the hash tells it, as its
+ * bits dir_lo to dir_hi, shifted left by low_bits, OR its low_bits lowest bits; but with dir_hi = bucket_hi and
+ * low_bits = 0 it is entry 0.
+ *
+ * keys->enc_ctx->flags: the first of KDZK_KEYED16 (records of row id and hash; the id, or its low 32 bits, is the
+ * payload), KDZK_FIXED_BYTES, KDZK_LEN_ARRAY, KDZK_LEN_PREFIXED, KDZK_PTR_LEN, KDZK_PAIR16 (hashed by `hash` with seed
+ * 0, as in hash_rows), KDZK_NUMERIC (an array of uint64_t hashes). In key mode with 4: KDZK_KEYED24 (records of hash,
+ * key and row id, which is the payload) or KDZK_HASH_U32 (native keys, hashed with length 4); with 8: KDZK_HASH_U32.
+ * rows, where the keys don't bring the payloads: with KDZK_IMPLICIT_IDS the payload is `rowbase` plus the row number,
+ * otherwise rows->data has one per row, a native integer of the payload's width.
+ *
+ * exec->row and key_off: zero in a first call, kept by the library between the calls of a vector; key_off is a byte
+ * position in keys->data, in the forms whose values have lengths and lie end to end. A call may hash up to 1023 rows
+ * that it doesn't insert and that the next call hashes again.
+ *
+ * Returns KDZK_DONE: all rows are in the table, and exec->row is keys->nrows. KDZK_OVERFLOW_FULL: the room of an entry
+ * is used up; exec->row is the first row that isn't in the table and exec->part its directory field, if that lies
+ * directly above the bucket number in the low 32 bits of the hash; give more room and call again. KDZK_UNSUPPORTED: no
+ * such flags or form; nothing was written. */
+#define KDZK_HT_KEY_MODE 0x1000u
+#define KDZK_BUCKET_UNIQUE 0x40u
+#define KDZK_BUCKET_CHAINED 0x80u
+typedef uint64_t (*kdzk_ht_build_fn)(const kdzk_htdesc* desc, const kdzk_vec* keys, const kdzk_vec* rows,
+                                     int32_t partition, kdzk_hash_fn hash, kdzk_exec* exec);
+
+/* ht_probe: looks the rows of a vector up in a hash table that ht_build made. For each entry whose tag equals the row's
+ * it writes a pair: the uint64_t id of the row, and the entry's payload in 64 bits. These are candidates, which the
+ * host compares by their keys; in key mode they are matches. Pairs are in the order of the rows, then of the chain. The
+ * table is only read: any number of threads may probe it.
+ *
+ * out->data: the pairs. out->nrows: in, how many fit, before each call; out, how many were written. keys: as in
+ * ht_build, but for the records KDZK_KEYED16 and KDZK_KEYED24. rows: with KDZK_IMPLICIT_IDS the id is `rowbase` plus
+ * the row number, otherwise rows->data has one per row, as wide as the table's payloads. desc: as in ht_build, without
+ * `cursors` and `limits`; the hash always tells the directory's entry. exec: as in ht_build, without `part`.
+ *
+ * Returns KDZK_DONE: all rows are looked up, and exec->row is keys->nrows. KDZK_PAIRS_FULL: exec->row is the first row
+ * whose pairs don't all fit; call again with room. Those that did fit may have been written, behind the count. A row
+ * with more pairs than ever fit gets no further. KDZK_UNSUPPORTED: no such flags or form; nothing was written. */
+typedef uint64_t (*kdzk_ht_probe_fn)(kdzk_vec* out, const kdzk_vec* keys, const kdzk_vec* rows, const kdzk_htdesc* desc,
+                                     kdzk_hash_fn hash, kdzk_exec* exec);
+
 /* The exported record: 67 words of 64 bits, a word per line unless said otherwise. */
 typedef struct kdzk_specialized_ctx {
   uint64_t magic;                          /* 0: KDZK_MAGIC */
@@ -318,8 +377,8 @@ typedef struct kdzk_specialized_ctx {
   kdzk_decode_sortable_fn decode_sortable; /* 55: see above */
   kdzk_prefix_fn decode_prefix_records;    /* 56: see above */
   kdzk_hash_rows_fn hash_rows;             /* 57: see above */
-  kdzk_absent_fn ht_build;                 /* 58 */
-  kdzk_absent_fn ht_probe;                 /* 59 */
+  kdzk_ht_build_fn ht_build;            /* 58: see above */
+  kdzk_ht_probe_fn ht_probe;            /* 59: see above */
   kdzk_partition_fn partition_rows;        /* 60: see above */
   kdzk_gather_fn ht_gather;                /* 61: see above */
   kdzk_fill_pairs_fn fill_pairs;           /* 62: see above */

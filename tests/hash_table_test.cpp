@@ -1,0 +1,530 @@
+// SPDX-License-Identifier: Apache-2.0
+// Hash table build and probe against a model that does a row at a time what the format says, byte for byte: buckets,
+// overflow rooms of a few buckets given one after the other, pair arrays of a few pairs.
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+#include "tests/support/host.h"
+
+namespace kdzk_test {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+struct Form {
+  uint32_t flags, tag, payload, capacity, tags_at, payloads_at;  // sizes in bytes
+};
+constexpr Form forms[] = {{1, 2, 8, 5, 2, 16}, {2, 2, 4, 9, 2, 20}, {4, 4, 8, 4, 4, 24}, {8, 4, 4, 6, 4, 32}};
+
+Form form_of(uint32_t flags) {
+  return flags < 16 ? forms[flags == 1 ? 0 : flags == 2 ? 1 : flags == 4 ? 2 : 3] : forms[flags & 4 ? 2 : 3];
+}
+
+constexpr uint32_t plain_forms[] = {KDZK_KEYED16, KDZK_FIXED_BYTES, KDZK_LEN_ARRAY, KDZK_LEN_PREFIXED,
+                                    KDZK_PTR_LEN, KDZK_PAIR16,      KDZK_NUMERIC};
+constexpr uint32_t keyed_forms[] = {KDZK_KEYED24, KDZK_HASH_U32};
+
+// ---- Hashes: few tags and few buckets, so that chains get long, or all of them ----
+
+uint64_t hash_mask, hash_calls;
+
+uint64_t masked_hash(const void* key, uint32_t length, uint64_t seed) {
+  uint64_t hash = seed + length;  // the library's seed is 0
+  for (uint32_t i = 0; i < length; i++) hash = (hash ^ static_cast<const uint8_t*>(key)[i]) * 0x9e3779b97f4a7c15;
+  hash_calls++;
+  return (hash ^ hash >> 31) * 0xd6e8feb86659fd93 & hash_mask;
+}
+
+// The fields of the hash, for tags of T bits.
+struct Layout {
+  uint32_t bucket_hi, dir_hi, dir_lo, low_bits;
+  int32_t partition;
+  uint64_t mask;
+
+  bool one_table() const { return partition >= 0 || (dir_hi == bucket_hi && low_bits == 0); }
+  static uint64_t up_to(uint32_t bit) { return bit == 63 ? ~uint64_t{0} : (uint64_t{1} << (bit + 1)) - 1; }
+  uint64_t bucket(uint64_t hash, uint32_t T) const { return (hash & up_to(bucket_hi)) >> T; }
+  uint64_t entry(uint64_t hash) const {
+    if (one_table()) return static_cast<uint64_t>(std::max(partition, 0));
+    return (hash & up_to(dir_hi)) >> dir_lo << low_bits | (hash & ((uint64_t{1} << low_bits) - 1));
+  }
+  uint32_t part(uint64_t hash) const {
+    return one_table() ? 0 : static_cast<uint32_t>(hash & up_to(dir_hi)) >> (bucket_hi + 1) % 32;
+  }
+};
+
+std::vector<Layout> layouts(uint32_t T) {
+  const uint64_t few = uint64_t{3} << T | 5 | uint64_t{1} << (T - 1), top = uint64_t{3} << 62,
+                 above = uint64_t{3} << (T + 2);
+  return {{T + 1, T + 1, 0, 0, -1, few | top},
+          {T + 1, 63, 62, 3, 1, few | top},
+          {T + 1, T + 3, T + 2, 0, -1, few | above | top},
+          {T + 1, T + 1, T + 1, 2, -1, few | top},
+          {T + 1, 63, 62, 1, -1, few | top},
+          {63, 63, 0, 0, -1, few},
+          {T + 9, T + 9, 5, 0, -1, ~uint64_t{0}},
+          {T + 7, T + 9, T + 8, 0, -1, ~uint64_t{0}},
+          {T + 8, T + 8, T + 7, 0, 0, ~uint64_t{0}}};
+}
+
+// ---- Rows, and columns of them ----
+
+struct Row {
+  Bytes key;
+  uint32_t u32;  // key mode
+  uint64_t hash, id;
+};
+
+std::vector<Row> random_rows(Random& random, uint32_t n, uint32_t flag, size_t fixed_bytes) {
+  std::vector<Row> rows(n);
+  for (Row& row : rows) {
+    row.u32 = static_cast<uint32_t>(random.below(100)) * 0x9e3779b1;
+    row.id = random.bits();
+    row.key.resize(flag == KDZK_FIXED_BYTES ? fixed_bytes : random.below(9));
+    for (uint8_t& byte : row.key) byte = static_cast<uint8_t>(random.below(random.below(3) == 0 ? 256 : 4));
+    if (flag == KDZK_HASH_U32 || flag == KDZK_KEYED24) {
+      row.key.resize(4);
+      std::memcpy(row.key.data(), &row.u32, 4);
+    }
+    row.hash = masked_hash(row.key.data(), static_cast<uint32_t>(row.key.size()), 0);
+  }
+  return rows;
+}
+
+template <class T>
+void append(Bytes& to, T value) {
+  const auto* const bytes = reinterpret_cast<const uint8_t*>(&value);
+  to.insert(to.end(), bytes, bytes + sizeof value);
+}
+
+// The keys of rows in a form, and their ids. The flags of forms that come later in the order may be set too.
+struct Columns {
+  kdzk_enc_ctx key_enc{}, id_enc{};
+  kdzk_vec keys{}, ids{};
+  std::vector<uint64_t> starts;  // of each row in the data
+  std::vector<std::unique_ptr<GuardedBuffer>> buffers;
+
+  Columns(Random& random, std::vector<Row>& rows, uint32_t flag, size_t fixed_bytes, uint32_t id_bytes) {
+    const bool implicit = random.below(2) == 0, records = flag == KDZK_KEYED16 || flag == KDZK_KEYED24;
+    if (implicit && !records) {
+      ids.rowbase = random.bits() | 0xfffffff0;
+      id_enc.flags = KDZK_IMPLICIT_IDS;
+      for (size_t i = 0; i < rows.size(); i++) rows[i].id = ids.rowbase + i;
+    }
+    Bytes data, lengths, id_data, values;
+    for (const Row& row : rows) values.insert(values.begin(), row.key.begin(), row.key.end());
+    const uint8_t* last_key = guarded(values) + values.size();  // the values that are pointed to, last row first
+    for (const Row& row : rows) {
+      starts.push_back(data.size());
+      const auto length = static_cast<uint16_t>(row.key.size());
+      append(lengths, length);
+      if (flag == KDZK_KEYED16) append(data, row.id);
+      if (flag == KDZK_KEYED16 || flag == KDZK_KEYED24 || flag == KDZK_NUMERIC) append(data, row.hash);
+      if (flag == KDZK_KEYED24) append(data, uint64_t{row.u32} | random.bits() << 32), append(data, row.id);
+      if (flag == KDZK_PAIR16) append(data, uint64_t{length} | random.bits() << 16);
+      if (flag == KDZK_PTR_LEN || flag == KDZK_PAIR16) append(data, last_key -= length);
+      if (flag == KDZK_LEN_PREFIXED) append(data, length);
+      if (flag == KDZK_FIXED_BYTES || flag == KDZK_LEN_ARRAY || flag == KDZK_LEN_PREFIXED || flag == KDZK_HASH_U32) {
+        data.insert(data.end(), row.key.begin(), row.key.end());
+      }
+      append(id_data, row.id);
+      id_data.resize(starts.size() * id_bytes);
+    }
+    starts.push_back(data.size());
+    keys.data = guarded(data);
+    keys.lengths = flag == KDZK_LEN_ARRAY || flag == KDZK_PTR_LEN ? guarded(lengths) : nullptr;
+    keys.nrows = static_cast<uint32_t>(rows.size());
+    keys.enc_ctx = &key_enc;
+    key_enc.flags = flag;
+    key_enc.width = static_cast<uint8_t>(fixed_bytes * 8 + random.below(8));
+    ids.enc_ctx = &id_enc;
+    ids.data = id_enc.flags == 0 && !records ? guarded(id_data) : nullptr;
+    bool later = false;
+    for (const uint32_t other : plain_forms) {
+      if (later && random.below(2) == 0) key_enc.flags |= other;
+      later |= other == flag;
+    }
+    if (flag == KDZK_KEYED24 && random.below(2) == 0) key_enc.flags |= KDZK_HASH_U32;
+  }
+  uint8_t* guarded(const Bytes& bytes) {
+    buffers.push_back(std::make_unique<GuardedBuffer>(bytes, 0));
+    return buffers.back()->data();
+  }
+};
+
+bool keeps_key_off(uint32_t flag) { return flag == KDZK_LEN_ARRAY || flag == KDZK_LEN_PREFIXED; }
+bool is_hashed(uint32_t flag) { return flag != KDZK_KEYED16 && flag != KDZK_KEYED24 && flag != KDZK_NUMERIC; }
+
+// ---- The table: the library's memory and, of the same bytes, the model's, which holds the same addresses ----
+
+class Table {
+ public:
+  const Form form;
+  const uint32_t flags, T;
+  const Layout layout;
+  std::vector<uint8_t*> tables, cursors, limits, model_cursors;
+  kdzk_htdesc desc{};
+  size_t used;  // bytes of memory that the host gave out
+
+  Table(uint32_t table_flags, const Layout& where, uint32_t rows)
+      : form(form_of(table_flags)),
+        flags(table_flags),
+        T(form.tag * 8),
+        layout(where),
+        entries_(layout.entry(layout.mask) + 1),
+        array_bytes_((layout.bucket(layout.mask, T) + 1) * 64),
+        memory_(entries_ * array_bytes_ + (rows + entries_ * 9) * 64) {
+    for (uint64_t entry = 0; entry < entries_; entry++) {
+      tables.push_back(entry < first_entry() ? nullptr : memory_.data() + entry * array_bytes_);
+    }
+    used = entries_ * array_bytes_;
+    std::memset(memory_.data(), 0, used);
+    model_.assign(memory_.data(), memory_.data() + memory_.size());
+    limits.resize(entries_), cursors.resize(entries_), model_cursors.resize(entries_);
+    for (uint64_t entry = first_entry(); entry < entries_; entry++) give_room(entry, entry % 3);
+    desc = {.leading = 0xdeadbeef,
+            .flags = flags,
+            .bucket_hi = static_cast<uint8_t>(layout.bucket_hi),
+            .dir_hi = static_cast<uint8_t>(layout.dir_hi),
+            .dir_lo = static_cast<uint8_t>(layout.dir_lo),
+            .tables = tables.data(),
+            .cursors = cursors.data(),
+            .limits = limits.data(),
+            .low_bits = static_cast<uint8_t>(layout.low_bits)};
+  }
+
+  void give_room(uint64_t entry, uint64_t buckets) {
+    cursors[entry] = model_cursors[entry] = memory_.data() + used;
+    used += buckets * 64;
+    limits[entry] = memory_.data() + used - (buckets == 0 ? 64 : 0);  // no room: a limit below the cursor
+  }
+  bool agrees() const { return std::memcmp(memory_.data(), model_.data(), used) == 0 && cursors == model_cursors; }
+  void protect(int how) {
+    const auto first = reinterpret_cast<uintptr_t>(memory_.data()) / 4096 * 4096;
+    mprotect(reinterpret_cast<void*>(first), reinterpret_cast<uintptr_t>(memory_.data()) + memory_.size() - first, how);
+  }
+
+  uint8_t* first_bucket(uint64_t hash) { return model(tables[layout.entry(hash)] + layout.bucket(hash, T) * 64); }
+  uint8_t* next(const uint8_t* bucket) { return model(*reinterpret_cast<uint8_t* const*>(bucket + 56)); }
+  uint64_t tag(const Row& row) const { return flags & 0x1000 ? row.u32 : row.hash & ((uint64_t{1} << T) - 1); }
+  uint64_t tag_at(const uint8_t* bucket, uint32_t j) const {
+    return number(bucket + form.tags_at + j * form.tag, form.tag);
+  }
+  uint64_t payload_at(const uint8_t* bucket, uint32_t j) const {
+    return number(bucket + form.payloads_at + j * form.payload, form.payload);
+  }
+
+  // Inserts a row into the model; false if there is no room.
+  bool insert(const Row& row, bool room) {
+    uint8_t* b = first_bucket(row.hash);
+    const auto put = [&](uint8_t* bucket, uint32_t j) {
+      const uint64_t t = tag(row);
+      std::memcpy(bucket + form.tags_at + j * form.tag, &t, form.tag);
+      std::memcpy(bucket + form.payloads_at + j * form.payload, &row.id, form.payload);
+    };
+    const auto occurs = [&](const uint8_t* bucket) {
+      for (int j = 0; j < (*bucket & 15); j++) {
+        if (tag_at(bucket, static_cast<uint32_t>(j)) == tag(row)) return true;
+      }
+      return false;
+    };
+    if (room && (*b & 15u) < form.capacity) {
+      const bool twice = occurs(b);
+      put(b, *b & 15);
+      if (*b == 0) return *b = 0x41, true;
+      if ((*b & 0x40) != 0 && twice) *b -= 0x40;
+      return *b += 1, true;
+    }
+    for (; (*b & 0x80) != 0; b = next(b)) {
+      if ((*b & 0x40) != 0 && occurs(b)) *b -= 0x40;
+    }
+    uint8_t header = *b;
+    if ((header & 0x40) != 0 && occurs(b)) header -= 0x40;
+    if ((header & 15u) < form.capacity) {
+      put(b, header & 15);
+      return *b = header + 1, true;
+    }
+    uint8_t*& cursor = model_cursors[layout.entry(row.hash)];
+    if (cursor >= limits[layout.entry(row.hash)]) return false;
+    *b = header | 0x80;
+    std::memcpy(b + 56, &cursor, 8);
+    put(model(cursor), 0);
+    *model(cursor) = 0x41;
+    return cursor += 64, true;
+  }
+
+  // A call of the build: the row where it stops.
+  uint32_t build(const std::vector<Row>& rows, uint32_t row) {
+    while (row < rows.size()) {
+      const uint32_t end = std::min<uint32_t>(row + 1024, static_cast<uint32_t>(rows.size()));
+      hashed += end - row;
+      bool room = true;
+      for (uint32_t i = row; i < end; i++) room = room && (*first_bucket(rows[i].hash) & 15u) < form.capacity;
+      for (; row < end; row++) {
+        if (!insert(rows[row], room)) return row;
+      }
+    }
+    return row;
+  }
+
+  // A call of the probe: the row where it stops. `out` has room for `capacity` pairs.
+  uint32_t probe(const std::vector<Row>& rows, uint32_t row, uint32_t capacity, uint8_t* out, uint32_t* pairs) {
+    uint32_t written = *pairs = 0;
+    for (uint32_t i = 0; row < rows.size(); row++, i++, *pairs = written) {
+      if (i % 1024 == 0) hashed += std::min<uint32_t>(1024, static_cast<uint32_t>(rows.size()) - row);
+      bool finished = false;
+      for (const uint8_t* b = first_bucket(rows[row].hash); !finished; b = next(b)) {
+        for (uint32_t j = 0; j < (*b & 15u) && !finished; j++) {
+          if (tag_at(b, j) != tag(rows[row])) continue;
+          if (written == capacity) return row;
+          const uint64_t pair[2] = {rows[row].id, payload_at(b, j)};
+          std::memcpy(out + written++ * size_t{16}, pair, 16);
+          finished = (*b & 0x40) != 0;
+        }
+        if ((*b & 0x80) == 0) break;
+      }
+    }
+    return row;
+  }
+
+  uint64_t hashed = 0;  // rows that a call of either has hashed
+
+ private:
+  uint64_t entries_, array_bytes_;
+  GuardedBuffer memory_;
+  Bytes model_;
+
+  uint64_t first_entry() const { return static_cast<uint64_t>(std::max(layout.partition, 0)); }
+  uint8_t* model(const uint8_t* real) { return model_.data() + (real - memory_.data()); }
+  static uint64_t number(const uint8_t* at, uint32_t bytes) {
+    uint64_t number = 0;
+    std::memcpy(&number, at, bytes);
+    return number;
+  }
+};
+
+kdzk_exec fresh_exec() {
+  kdzk_exec exec;
+  std::memset(&exec, 0x77, sizeof exec);
+  exec.row = 0;
+  exec.key_off = 0;
+  return exec;
+}
+
+// Everything but the fields named is as it was.
+void expect_exec(const kdzk_exec& got, kdzk_exec before, uint32_t row, uint64_t key_off, uint32_t part) {
+  before.row = row;
+  before.key_off = key_off;
+  before.part = part;
+  EXPECT_EQ(got.row, row);
+  EXPECT_EQ(got.key_off, key_off);
+  EXPECT_EQ(got.part, part);
+  EXPECT_EQ(std::memcmp(&got, &before, sizeof got), 0);
+}
+
+// Inserts rows as one vector, with as many calls as it takes.
+void build(Random& random, Table& table, std::vector<Row> rows, uint32_t flag, size_t fixed_bytes) {
+  Columns columns(random, rows, flag, fixed_bytes, table.form.payload);
+  kdzk_exec exec = fresh_exec();
+  for (bool done = false; !done;) {
+    const kdzk_exec before = exec;
+    const uint32_t stop = table.build(rows, exec.row);
+    done = stop == rows.size();
+    hash_calls = 0;
+    const uint64_t code = library().ht_build(&table.desc, &columns.keys, &columns.ids, table.layout.partition,
+                                             is_hashed(flag) ? masked_hash : nullptr, &exec);
+    ASSERT_EQ(code, done ? KDZK_DONE : KDZK_OVERFLOW_FULL);
+    EXPECT_EQ(hash_calls, is_hashed(flag) ? table.hashed : 0);
+    table.hashed = 0;
+    expect_exec(exec, before, stop, keeps_key_off(flag) ? columns.starts[stop] : 0,
+                done ? before.part : table.layout.part(rows[stop].hash));
+    ASSERT_TRUE(table.agrees());
+    if (!done) table.give_room(table.layout.entry(rows[stop].hash), 1 + random.below(8));
+    if (testing::Test::HasFailure()) return;
+  }
+  exec.row += static_cast<uint32_t>(random.below(3));  // at or behind the end: nothing happens
+  const kdzk_exec before = exec;
+  ASSERT_EQ(library().ht_build(&table.desc, &columns.keys, &columns.ids, table.layout.partition, nullptr, &exec), 0u);
+  expect_exec(exec, before, columns.keys.nrows, before.key_off, before.part);
+}
+
+// Looks rows up as one vector, with room for so many pairs in each call and more where a row needs it.
+void probe(Random& random, Table& table, std::vector<Row> rows, uint32_t flag, size_t fixed_bytes, uint32_t most) {
+  Columns columns(random, rows, flag, fixed_bytes, table.form.payload);
+  if (columns.ids.data != nullptr && table.form.payload == 4) {
+    for (Row& row : rows) row.id &= 0xffffffff;
+  }
+  kdzk_exec exec = fresh_exec();
+  for (bool done = false; !done;) {
+    const auto capacity = static_cast<uint32_t>(random.below(most + 1));
+    GuardedBuffer out(capacity * size_t{16}), want(capacity * size_t{16});
+    const kdzk_exec before = exec;
+    uint32_t pairs;
+    const uint32_t stop = table.probe(rows, exec.row, capacity, want.data(), &pairs);
+    done = stop == rows.size();
+    kdzk_vec result{};
+    result.data = out.data();
+    result.nrows = capacity;
+    hash_calls = 0;
+    const uint64_t code = library().ht_probe(&result, &columns.keys, &columns.ids, &table.desc,
+                                             is_hashed(flag) ? masked_hash : nullptr, &exec);
+    ASSERT_EQ(code, done ? KDZK_DONE : KDZK_PAIRS_FULL);
+    EXPECT_EQ(result.nrows, pairs);
+    EXPECT_EQ(hash_calls, is_hashed(flag) ? table.hashed : 0);
+    table.hashed = 0;
+    expect_exec(exec, before, stop, keeps_key_off(flag) ? columns.starts[stop] : 0, before.part);
+    ASSERT_EQ(std::memcmp(out.data(), want.data(), out.size()), 0);
+    if (pairs == 0) most = most * 2 + 1;
+    if (testing::Test::HasFailure()) return;
+  }
+  kdzk_vec result{};
+  result.nrows = 5;
+  exec.row += static_cast<uint32_t>(random.below(3));
+  const kdzk_exec before = exec;
+  ASSERT_EQ(library().ht_probe(&result, &columns.keys, &columns.ids, &table.desc, nullptr, &exec), 0u);
+  EXPECT_EQ(result.nrows, 0u);
+  expect_exec(exec, before, columns.keys.nrows, before.key_off, before.part);
+}
+
+class HashTable : public testing::TestWithParam<std::pair<uint32_t, uint32_t>> {};
+
+TEST_P(HashTable, AgreesWithTheModel) {
+  const auto [flags, key_form] = GetParam();
+  Random random("hash_table" + std::to_string(flags) + "/" + std::to_string(key_form));
+  const uint32_t probe_form = key_form == KDZK_KEYED16   ? KDZK_NUMERIC
+                              : key_form == KDZK_KEYED24 ? KDZK_HASH_U32
+                                                         : key_form;
+  int number = 0;
+  for (const Layout& layout : layouts(form_of(flags).tag * 8)) {
+    for (const uint32_t vector_rows : {0u, 1u, 60u, 1100u, 2100u}) {
+      if (vector_rows > 2000 && number % 3 != 0) continue;
+      const std::string what = "flags " + std::to_string(flags) + ", keys " + std::to_string(key_form) + ", layout " +
+                               std::to_string(number) + ", rows " + std::to_string(vector_rows) + ", seed " +
+                               std::to_string(random.seed());
+      SCOPED_TRACE(what);
+      now_running("hash table, " + what);
+      hash_mask = layout.mask;
+      Table table(flags, layout, 3 * vector_rows);
+      const size_t fixed_bytes = key_form == KDZK_FIXED_BYTES ? random.below(32) : 0;
+      std::vector<Row> looked_up;
+      for (int vector = 0; vector < 3; vector++) {
+        const auto rows = random_rows(random, vector_rows - static_cast<uint32_t>(random.below(vector_rows / 3 + 1)),
+                                      key_form, fixed_bytes);
+        build(random, table, rows, key_form, fixed_bytes);
+        for (const Row& row : rows) {
+          if (random.below(6) == 0) looked_up.push_back(row);
+        }
+        if (HasFailure()) return;
+      }
+      const auto others = random_rows(random, vector_rows / 2, key_form, fixed_bytes);
+      looked_up.insert(looked_up.end(), others.begin(), others.end());
+      if (table.layout.partition > 0) {  // the probe has no such argument: the host moves the entry to the front
+        table.tables[0] = table.tables[1];
+        table.desc.dir_hi = table.desc.bucket_hi;
+        table.desc.low_bits = 0;
+      }
+      table.protect(PROT_READ);
+      table.desc.cursors = nullptr;
+      table.desc.limits = nullptr;
+      for (const uint32_t most : {3u, 1000u, 30000u}) {
+        const size_t n = std::min<size_t>(looked_up.size(), most * 50);
+        if (!HasFailure())
+          probe(random, table, {looked_up.end() - static_cast<long>(n), looked_up.end()}, probe_form, fixed_bytes,
+                most);
+      }
+      table.protect(PROT_READ | PROT_WRITE);
+      ASSERT_TRUE(table.agrees());
+      if (HasFailure()) return;
+    }
+    number++;
+  }
+}
+
+std::vector<std::pair<uint32_t, uint32_t>> leaves() {
+  std::vector<std::pair<uint32_t, uint32_t>> leaves;
+  for (const Form& form : forms) {
+    for (const uint32_t keys : plain_forms) leaves.push_back({form.flags, keys});
+  }
+  for (const uint32_t flags : {0x1004u, 0x1005u, 0x100cu}) {
+    for (const uint32_t keys : keyed_forms) leaves.push_back({flags, keys});
+  }
+  for (const uint32_t flags : {0x1008u, 0x100au}) leaves.push_back({flags, KDZK_HASH_U32});
+  return leaves;
+}
+
+INSTANTIATE_TEST_SUITE_P(Leaves, HashTable, testing::ValuesIn(leaves()), [](const auto& info) {
+  return "flags_" + std::to_string(info.param.first) + "_keys_" + std::to_string(info.param.second);
+});
+
+// Flags and forms that have no leaf: nothing is touched, not even with rows left to do.
+TEST(HashTableRefusals, LeaveEverythingUntouched) {
+  for (const uint32_t flags :
+       {0u,  1u,  2u,   3u,   4u,   5u,      6u,      7u,      8u,      9u,      10u,     12u,        16u,
+        32u, 64u, 128u, 256u, 512u, 0x1000u, 0x1001u, 0x1002u, 0x1004u, 0x1008u, 0x2004u, 0x80000004u}) {
+    const bool key_mode = flags == 0x1004 || flags == 0x1008;
+    const bool plain = flags == 1 || flags == 2 || flags == 4 || flags == 8;
+    const uint32_t plain_flags = KDZK_KEYED16 | KDZK_FIXED_BYTES | KDZK_LEN_ARRAY | KDZK_LEN_PREFIXED | KDZK_PTR_LEN |
+                                 KDZK_PAIR16 | KDZK_NUMERIC;
+    const uint32_t keyed_flags = KDZK_HASH_U32 | (flags == 0x1004 ? KDZK_KEYED24 : 0);
+    const uint32_t build_takes = plain ? plain_flags : key_mode ? keyed_flags : 0;
+    const uint32_t probe_takes = plain ? plain_flags & ~KDZK_KEYED16 : key_mode ? KDZK_HASH_U32 : 0;
+    kdzk_htdesc desc{};
+    desc.flags = flags;
+    kdzk_enc_ctx enc{};
+    kdzk_vec keys{}, out{};
+    keys.enc_ctx = &enc;
+    keys.nrows = 3;
+    out.nrows = 7;
+    kdzk_exec exec = fresh_exec();
+    enc.flags = ~build_takes;
+    EXPECT_EQ(library().ht_build(&desc, &keys, &keys, -1, nullptr, &exec), KDZK_UNSUPPORTED) << flags;
+    enc.flags = ~probe_takes;
+    EXPECT_EQ(library().ht_probe(&out, &keys, &keys, &desc, nullptr, &exec), KDZK_UNSUPPORTED) << flags;
+    EXPECT_EQ(out.nrows, 7u);
+    expect_exec(exec, fresh_exec(), 0, 0, fresh_exec().part);
+  }
+}
+
+// What headers become, in numbers: with room everywhere, filled in the same batch, and where the room test fails.
+TEST(HashTableHeaders, AreAsTold) {
+  const Layout layout = {17, 17, 0, 0, -1, ~uint64_t{0}};
+  Random random("headers");
+  Table table(2, layout, 20);
+  table.give_room(0, 3);
+  const auto insert = [&](std::vector<uint64_t> hashes) {
+    std::vector<Row> rows;
+    for (const uint64_t hash : hashes) rows.push_back({{}, 0, hash, 1});
+    build(random, table, rows, KDZK_NUMERIC, 0);
+  };
+  const auto header = [&](uint64_t bucket) { return int{table.tables[0][bucket * 64]}; };
+  insert({0x00001, 0x10001, 0x10001, 0x10002});
+  EXPECT_EQ(header(0), 0x41);
+  EXPECT_EQ(header(1), 0x03);  // an equal tag, and the third doesn't bring the bit back
+  insert({2, 3, 4, 5, 6, 7, 8, 9, 10, 0x20001});
+  EXPECT_EQ(header(0), 0xc9);  // the tenth took an overflow bucket
+  EXPECT_EQ(header(2), 0x41);
+  insert({0x30001, 0x30002, 11, 7});
+  EXPECT_EQ(header(3), 0x02);  // the test failed at bucket 0: no unique bit
+  EXPECT_EQ(header(0), 0x89);  // 7 occurs a second time, behind
+  EXPECT_EQ(int{table.limits[0][-3 * 64]}, 0x43);
+
+  // A bucket that has the unique bit though a tag occurs twice: the probe takes the header's word for it.
+  table.tables[0][64] = 0x43;
+  std::vector<Row> row = {{{}, 0, 0x10001, 1}};
+  Columns columns(random, row, KDZK_NUMERIC, 0, 4);
+  uint64_t pairs[4];
+  kdzk_vec out{};
+  out.data = pairs;
+  out.nrows = 2;
+  kdzk_exec exec = fresh_exec();
+  EXPECT_EQ(library().ht_probe(&out, &columns.keys, &columns.ids, &table.desc, nullptr, &exec), KDZK_DONE);
+  EXPECT_EQ(out.nrows, 1u);
+}
+
+}  // namespace
+}  // namespace kdzk_test

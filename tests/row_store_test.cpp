@@ -191,8 +191,8 @@ class Gather : public testing::TestWithParam<Leaf> {
       if (left < need) return 9;
       left -= need;
       if (leaf.out_form == KDZK_LEN_ARRAY || leaf.out_form == KDZK_PTR_LEN) put(&lengths[i * 2], length);
-      if (leaf.out_form == KDZK_FIXED_BYTES) std::memcpy(to, v.at, fixed);
-      if (leaf.out_form == KDZK_LEN_ARRAY) std::memcpy(to, v.at, v.length);
+      if (leaf.out_form == KDZK_FIXED_BYTES) std::copy(v.at, v.at + fixed, to);
+      if (leaf.out_form == KDZK_LEN_ARRAY) std::copy(v.at, v.at + v.length, to);
       if (leaf.out_form == KDZK_LEN_PREFIXED) put(to, length), std::memcpy(to + 2, v.at, v.length);
       if (leaf.out_form == KDZK_PTR_LEN) put(to, v.at);
       if (leaf.out_form == KDZK_PAIR16) put(to, length), put(to + 8, v.at);

@@ -110,6 +110,7 @@ struct Store {
       bases.push_back(reinterpret_cast<uint64_t>(values[page]));
       ref_pages.push_back(bases.back());
     }
+    ref_pages.push_back(ref_pages.back());  // of empty values at the end of the last page
     record.width = static_cast<uint16_t>(width);
     record.pairs = pair_pages.data();
     record.refs = ref_pages_of_store.data();

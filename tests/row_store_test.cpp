@@ -110,6 +110,7 @@ struct Store {
       bases.push_back(reinterpret_cast<uint64_t>(values[page]));
       ref_pages.push_back(bases.back());
     }
+    ref_pages.push_back(ref_pages.back());  // of empty values at the end of the last page
     record.width = static_cast<uint16_t>(width);
     record.pairs = pair_pages.data();
     record.refs = ref_pages_of_store.data();
@@ -191,8 +192,8 @@ class Gather : public testing::TestWithParam<Leaf> {
       if (left < need) return 9;
       left -= need;
       if (leaf.out_form == KDZK_LEN_ARRAY || leaf.out_form == KDZK_PTR_LEN) put(&lengths[i * 2], length);
-      if (leaf.out_form == KDZK_FIXED_BYTES) std::memcpy(to, v.at, fixed);
-      if (leaf.out_form == KDZK_LEN_ARRAY) std::memcpy(to, v.at, v.length);
+      if (leaf.out_form == KDZK_FIXED_BYTES) std::copy(v.at, v.at + fixed, to);
+      if (leaf.out_form == KDZK_LEN_ARRAY) std::copy(v.at, v.at + v.length, to);
       if (leaf.out_form == KDZK_LEN_PREFIXED) put(to, length), std::memcpy(to + 2, v.at, v.length);
       if (leaf.out_form == KDZK_PTR_LEN) put(to, v.at);
       if (leaf.out_form == KDZK_PAIR16) put(to, length), put(to + 8, v.at);

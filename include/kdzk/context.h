@@ -55,9 +55,6 @@ typedef struct kdzk_bv_services {
   uint64_t (*no_batch)(kdzk_bv_iter* iter, uint32_t* rows, uint32_t capacity, uint64_t unused);
 } kdzk_bv_services;
 
-/* A service slot whose function this release doesn't have yet: null. */
-typedef void (*kdzk_absent_fn)(void);
-
 /* sqzb_decode_x86, a decompressor for kdzk_env.decompress: decodes a block of the format SQZB (docs/formats/sqzb.md).
  * Takes two pieces of scratch from ctx->tmp_alloc, commented "sqzb_decode_x86 length_array" and "sqzb_decode_x86:
  * symbol_array", and gives both back before it returns; of the record it reads hctx, tmp_alloc and tmp_free. The block

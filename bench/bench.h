@@ -53,6 +53,7 @@ void add_prefix_records();
 void add_decode_dict();
 void add_decode_unpack();
 void add_sqzb();
+void add_host_kit();
 
 }  // namespace kdzk_bench
 

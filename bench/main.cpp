@@ -155,6 +155,7 @@ int main(int argc, char** argv) {
   add_decode_dict();
   add_decode_unpack();
   add_sqzb();
+  add_host_kit();
   const std::string filter = benchmark::GetBenchmarkFilter();
   regex_t wanted;
   if (regcomp(&wanted, filter == "all" ? "." : filter.c_str(), REG_EXTENDED | REG_NOSUB) != 0) {

@@ -51,8 +51,8 @@ inline uint32_t fine(kdzk_host_report* report) {
   return KDZK_HOST_DONE;
 }
 
-// Each step of it is one to one in the word that goes in, so a change within one word never goes unseen. Eight lanes, so
-// that a multiplication begins every cycle though a step takes six.
+// Each step of it is one to one in the word that goes in, so a change within one word never goes unseen. Eight lanes,
+// so that a multiplication begins every cycle though a step takes six.
 class Checksum {
  public:
   void add(const void* bytes, uint64_t size) {

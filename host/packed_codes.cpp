@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Packs and unpacks codes through a 64-bit word that holds the bits between two whole bytes, or, in packing, four bytes.
+// Packs and unpacks codes through a 64-bit word that holds the bits between two whole bytes, or, in packing, four
+// bytes.
 
 #include <kdzk/host/packed_codes.h>
 

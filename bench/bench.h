@@ -58,6 +58,7 @@ void add_decode_unpack();
 void add_numeric();
 void add_set();
 void add_sqzb();
+void add_host_kit();
 void add_partition();
 void add_xlate();
 

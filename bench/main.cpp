@@ -160,6 +160,7 @@ int main(int argc, char** argv) {
   add_numeric();
   add_set();
   add_sqzb();
+  add_host_kit();
   add_partition();
   add_xlate();
   const std::string filter = benchmark::GetBenchmarkFilter();

@@ -55,6 +55,7 @@ class Array {
   }
 
   void shrink(size_t size) { size_ = size; }
+  void extend(size_t size) { size_ = size; }  // within the capacity, by elements without a value
   void clear() { size_ = 0; }
   void swap(Array& other) {
     std::swap(data_, other.data_);
@@ -63,6 +64,7 @@ class Array {
   }
 
   size_t size() const { return size_; }
+  size_t capacity() const { return capacity_; }
   T* begin() { return data_; }
   T* end() { return data_ + size_; }
   const T* begin() const { return data_; }

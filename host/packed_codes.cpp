@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Packs and unpacks codes through a 64-bit word that holds the bits between two whole bytes.
+// Packs and unpacks codes through a 64-bit word that holds the bits between two whole bytes, or, in packing, four
+// bytes.
 
 #include <kdzk/host/packed_codes.h>
+
+#include <cstring>
 
 namespace {
 
@@ -23,8 +26,14 @@ void kdzk_host_pack(const uint32_t* codes, uint64_t count, uint32_t width, void*
   uint32_t bits = 0;
   for (uint64_t row = 0; row < count; row++) {
     held = held << width | (codes[row] & low_bits(width));
-    for (bits += width; bits >= 8; bits -= 8) *out++ = static_cast<uint8_t>(held >> (bits - 8));
+    bits += width;
+    if (bits < 32) continue;
+    bits -= 32;
+    const uint32_t four_bytes = __builtin_bswap32(static_cast<uint32_t>(held >> bits));
+    std::memcpy(out, &four_bytes, 4);
+    out += 4;
   }
+  for (; bits >= 8; bits -= 8) *out++ = static_cast<uint8_t>(held >> (bits - 8));
   if (bits > 0) *out = static_cast<uint8_t>(held << (8 - bits));
 }
 

@@ -5,6 +5,10 @@
 #define KDZK_HOST_H
 
 #include <kdzk/host/bloom.h>
+#include <kdzk/host/check.h>
+#include <kdzk/host/column.h>
+#include <kdzk/host/comparison.h>
+#include <kdzk/host/dictionary.h>
 #include <kdzk/host/errors.h>
 #include <kdzk/host/find_kernel.h>
 #include <kdzk/host/loader.h>

@@ -110,22 +110,6 @@ typedef struct kdzk_specialized_ctx {
   kdzk_pack_rows_fn pack_rows;             /* 63: see join.h */
   kdzk_decompress_fn sqzb_decode_x86;      /* 64: see above */
   uint64_t (*reserved0[2])(void);          /* 65, 66: reads nothing, returns 0 */
-  /* bloom_test: which rows of a column of hashes may be in a filter that the host built (kdzk/host/bloom.h); one bit
-   * each.
-   * values: enc_ctx->flags must have KDZK_NUMERIC. enc_ctx->width is 32 for elements of 4 bytes at `data`, big-endian
-   * numbers; with any other value they are 8 bytes, of which the last four are read, as a big-endian number. nrows: the
-   * end of the rows; exec->start_row, not above it, is the first. No padding is read.
-   * filter: of enc_ctx bloom_paged, bloom_mask and, if bloom_paged isn't 0, page_shift and page_mask. v being the
-   * number AND bloom_mask, a row's bit is bit v % 8 of byte v / 8 at `bitvec`. In a paged filter `bitvec` points to an
-   * array of pointers to pages; with b = v AND page_mask, it is bit b % 8 of byte b / 8 of page v >> (page_shift % 32).
-   * exec, not null: selection, start_row and out_flags. With a selection, whatever exec->flags says, only its rows are
-   * tested, and out_flags gets KDZK_OUT_BLOOM_SELECTIVE. Of the selection the words of the rows are read.
-   * result: data, a kdzk_hit_range, and hits are written. bitvec, zero for these rows: a hit sets its row's bit. In a
-   * vector that isn't zero bits of earlier hits stay, but without a selection 16 rows are written together, beginning
-   * at each 16th row after the first multiple of 8 from start_row on, if one of them is a hit and all are below nrows.
-   * Returns KDZK_DONE, KDZK_NO_ROW if no row is a hit, or KDZK_UNSUPPORTED without KDZK_NUMERIC; then nothing was
-   * written. A filter is only read, and may be shared by threads. */
-  typedef uint64_t (*kdzk_bloom_fn)(kdzk_vec* result, const kdzk_vec* values, const kdzk_vec* filter, kdzk_exec* exec);
 } kdzk_specialized_ctx;
 
 KDZK_ASSERT_SIZE(kdzk_prefix_record, 16);

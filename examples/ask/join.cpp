@@ -103,6 +103,7 @@ struct Selected {
   Selected(const Library& library, std::vector<uint64_t> all, const uint64_t* bits) : hashes(std::move(all)) {
     rows.resize(hashes.size());
     size_t count = 0;
+    if (hashes.empty()) return;  // there is no word to begin a walk with
     if (bits == nullptr) {
       while (count < rows.size()) rows[count] = static_cast<RowNumber>(count), count++;
       return;

@@ -55,6 +55,10 @@ class Column {
   uint32_t rank_of_entry(uint32_t entry) const { return rank_of_entry_[entry]; }  // not of the null entry
   uint32_t entry_of_rank(uint32_t rank) const { return entry_of_rank_[rank]; }    // the first one, if it has several
   int64_t whole_of_entry(uint32_t entry) const { return wholes_[entry]; }         // in a column of whole numbers
+  double decimal_of_entry(uint32_t entry) const { return decimals_[entry]; }      // in a column of decimal numbers
+  double number_of_entry(uint32_t entry) const {                                  // in either
+    return type_ == Type::whole ? static_cast<double>(wholes_[entry]) : decimals_[entry];
+  }
 
   // The text as a constant for this column: nothing if the column holds numbers and the text isn't one.
   std::optional<Value> constant(std::string_view text) const;

@@ -17,18 +17,13 @@ class Library {
   Library(const Library&) = delete;
   Library& operator=(const Library&) = delete;
 
-  const kdzk_bv_services& bits() const { return library_.ctx->bv64; }
+  const kdzk_specialized_ctx* operator->() const { return library_.ctx; }
+  const kdzk_specialized_ctx* ctx() const { return library_.ctx; }
 
-  kdzk_decompress_fn decompressor() const { return library_.ctx->sqzb_decode_x86; }
-
-  // Kernels by a column's kind and an operation. Not every combination exists.
-  const kdzk_kernel& kernel(uint8_t kind, uint32_t operation) const {
-    return library_.ctx->dispatch[kdzk_id_of_kind(kind, operation)];
-  }
-  bool has(uint8_t kind, uint32_t operation) const { return kernel(kind, operation).any != nullptr; }
-  const char* name(uint8_t kind, uint32_t operation) const {
-    return kdzk_name_of(library_.ctx, kdzk_id_of_kind(kind, operation));
-  }
+  // Kernels by their ids. Not every id has one.
+  const kdzk_kernel& kernel(uint32_t id) const { return library_.ctx->dispatch[id]; }
+  bool has(uint32_t id) const { return kernel(id).any != nullptr; }
+  const char* name(uint32_t id) const { return kdzk_name_of(library_.ctx, id); }
 
  private:
   kdzk_host_library library_;

@@ -10,10 +10,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <optional>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "asking.h"
 #include "csv_file.h"
 #include "engine.h"
 #include "error.h"
@@ -21,7 +22,6 @@
 #include "progress.h"
 #include "question.h"
 #include "report.h"
-#include "scan.h"
 #include "table.h"
 
 namespace ask {
@@ -39,15 +39,15 @@ within doubled. Blanks around an unquoted field don't count, nor do blank lines.
 stored as whole numbers if all its fields are that, otherwise as decimal numbers, otherwise as text.
 
 Options:
-  --show N              print the first N rows of each answer, as CSV
+  --show N              print the first N rows of each answer, as CSV, and the N largest groups
   --library FILE        use this build of the kernel library
   --store COLUMN=FORM   store a column in this form; may be given for several columns. The forms:
                           dict     any column, as codes of as few bits as its distinct values need; the default
                           blocked  the same, compressed block by block, and decompressed for each question
                           runs     the same, but one code for rows on end that have the same value
-                          fixed    whole numbers, each in the 1 to 8 bytes that the column's range needs
-                          dynp     text of up to 8 bytes, each in as many bytes as it has, and its length beside it
-                        NULLs have no place in fixed and dynp.
+                          fixed    numbers or short text, each in the 1 to 8 bytes that the column's range needs
+                          dynp     the same, each in as many bytes as it has, and its length beside it
+  --join FILE           another CSV file, for questions that join
   --progress            tell how far the file is read, even if standard error is no terminal
   --demo DIRECTORY      ask some questions about flights.csv and airports.csv in that directory
   --help                print this
@@ -57,22 +57,37 @@ Questions are made of comparisons, `and`, `or`, `not` and parentheses; `and` bin
   delay between 60 and 120           both ends belong to it; also `not between`
   origin is SFO, origin is not SFO   the same as = and !=
   state is null, state is not null   is the field empty?
+  origin in (SFO, OAK, SJC)          one of these; also `not in`
+  city like 'San %'                  text with any bytes for % and any one character for _; also `not like`
   name = 'O''Hare'                   a value with blanks, quotes or symbols in it is put in quotes
   "arrival time" < 06:00             so is a column, in double quotes
 
 NULL fulfils no comparison, nor a negated one: rows without a state are not found by `state = CA`, nor by
 `state != CA`, nor by `not (state = CA)`.
 
+Other questions count, add up or join; each may end with `where` and a question as above:
+  count by origin, destination       the rows of each combination of values, the most frequent ones first
+  sum delay * distance               the sum of a product of two columns, in double precision; NULLs don't count
+  inside longitude, latitude of -125 42, -114 42, -114 32
+                                     the rows whose point lies in the polygon with these vertices
+  join on origin = iata count by state
+                                     pairs of a row and one of the --join file where origin = iata, by its state;
+                                     `join where latitude > 40 on ...` takes only such rows of that file. Answered
+                                     twice, with a bloom filter and without
+
 For each question: how many rows it finds, how many rows and bytes of packed columns per second the kernels went
 through (the best of several laps over all rows, on one thread, so that a small table is in the cache; decompression is
-part of a lap), which kernels those were, what they needed done to the columns, and "checked" if a plain scan over the
-values as they were read gives the same answer for every row.
+part of a lap, but finding the rows that are counted or added up is not), which kernels and services those were, what
+they needed done to the columns, and "checked" if a plain scan over the values as they were read gives the same answer
+for every row, for every group, or to the last bit of a sum. For a join, how long each step takes.
 
 Exit status: 0 all answers checked, 1 an answer was wrong, 2 the file, a question or the library was refused.
 
 Examples:
   kdzk-ask flights.csv
   kdzk-ask flights.csv "delay between 60 and 120" "origin = SFO and not (delay > 0)"
+  kdzk-ask flights.csv "count by origin where delay > 60 and destination in (SFO, OAK)"
+  kdzk-ask --join airports.csv flights.csv "join on origin = iata count by state where time < 06:00"
   kdzk-ask --show 5 airports.csv "city = 'San Francisco' or latitude > 70"
   kdzk-ask --store distance=fixed --store origin=dynp flights.csv "origin = SFO and distance > 1000"
   kdzk-ask --store date=runs --store destination=blocked flights.csv "date > 2001-06-01 and destination = SFO"
@@ -89,6 +104,7 @@ struct Options {
   size_t show = 0;
   std::string demo;
   std::string file;
+  std::string join;
   Questions questions;
 };
 
@@ -102,6 +118,15 @@ const Questions flight_questions = {
     "distance not between 200 and 2000",
     "date = 2001-02-14 and destination is BOS and delay >= 30",
     "delay > 100000",
+    "origin in (JFK, LGA, EWR) and time < 06:00",
+    "destination like 'S_N' and origin not in (SFO, OAK) and delay > 60",
+    "count by origin",
+    "count by origin, destination where delay > 60",
+    "sum delay * distance",
+    "sum delay * distance where origin = SFO",
+    "join on origin = iata count by state",
+    "join where latitude > 60 on origin = iata count by state",
+    "join where state in (CA, OR, WA) on origin = iata count by city where delay > 120",
 };
 
 const Forms other_flight_forms = {{"date", "runs"},      {"time", "dynp"},   {"delay", "fixed"},
@@ -123,17 +148,18 @@ const Questions airport_questions = {
     "latitude < 20 and not state = HI",
     "longitude between -90 and -85 and (state = IL or state = WI)",
     "name >= 'Z' or iata < '00S'",
+    "name like '%International%' and state not in (CA, TX, FL)",
+    "inside longitude, latitude of -109.05 41, -102.05 41, -102.05 37, -109.05 37",
+    "inside longitude, latitude of -125 49, -114 42, -120 39, -114.6 35, -117 32, -125 40 where name like '%Muni%'",
 };
 
 Options parse_options(int count, char** words) {
-  enum : int { show = 1, library, store, progress, demo, help_wanted };
-  static constexpr option known[] = {{"show", required_argument, nullptr, show},
-                                     {"library", required_argument, nullptr, library},
-                                     {"store", required_argument, nullptr, store},
-                                     {"progress", no_argument, nullptr, progress},
-                                     {"demo", required_argument, nullptr, demo},
-                                     {"help", no_argument, nullptr, help_wanted},
-                                     {nullptr, 0, nullptr, 0}};
+  enum : int { show = 1, library, store, join, progress, demo, help_wanted };
+  static constexpr option known[] = {
+      {"show", required_argument, nullptr, show},   {"library", required_argument, nullptr, library},
+      {"store", required_argument, nullptr, store}, {"join", required_argument, nullptr, join},
+      {"progress", no_argument, nullptr, progress}, {"demo", required_argument, nullptr, demo},
+      {"help", no_argument, nullptr, help_wanted},  {nullptr, 0, nullptr, 0}};
   Options options;
   for (int found; (found = getopt_long(count, words, "h", known, nullptr)) != -1;) {
     switch (found) {
@@ -154,6 +180,9 @@ Options parse_options(int count, char** words) {
         options.forms[choice.substr(0, equals)] = choice.substr(equals + 1);
         break;
       }
+      case join:
+        options.join = optarg;
+        break;
       case progress:
         options.progress = Progress::When::always;
         break;
@@ -173,7 +202,9 @@ Options parse_options(int count, char** words) {
   if (options.file.empty() == options.demo.empty()) {
     throw Error(options.demo.empty() ? "no file to ask about; see kdzk-ask --help" : "--demo takes no file of yours");
   }
-  if (!options.demo.empty() && !options.forms.empty()) throw Error("--demo chooses the storage forms itself");
+  if (!options.demo.empty() && (!options.forms.empty() || !options.join.empty())) {
+    throw Error("--demo chooses storage forms and files itself");
+  }
   return options;
 }
 
@@ -195,82 +226,32 @@ void print_columns(const Table& table, const Engine& engine, double load_seconds
   std::puts("");
 }
 
-std::optional<size_t> first_wrong_row(const Question& question, const Answer& answer, size_t rows) {
-  for (size_t row = 0; row < rows; row++) {
-    if (answer.has(row) != (truth(question, row) == Truth::yes)) return row;
-  }
-  return std::nullopt;
-}
+// A table with its columns as the kernels take them.
+struct Loaded {
+  Table table;
+  Engine engine;
+  double seconds;
 
-uint64_t rows_in(const Answer& answer, size_t rows) {
-  uint64_t found = 0;
-  for (size_t row = 0; row < rows; row++) found += answer.has(row);
-  return found;
-}
-
-void print_rows(const Table& table, const Answer& answer, size_t count) {
-  std::vector<std::string_view> names;
-  for (const Column& column : table.columns) names.push_back(column.name());
-  write_csv_line(stdout, names);
-  for (size_t row = 0; row < table.rows() && count > 0; row++) {
-    if (!answer.has(row)) continue;
-    write_csv_line(stdout, table.fields(row));
-    count--;
-  }
-}
-
-std::string speed_of(const Answer& answer, size_t rows) {
-  if (answer.laps == 0) return "known beforehand, no kernel called";
-  return right(scaled(static_cast<double>(rows) / answer.seconds) + " rows/s", 13) + "  " +
-         right(scaled(static_cast<double>(answer.input_bytes) / answer.seconds) + "B/s", 9) + "  best of " +
-         std::to_string(answer.laps);
-}
-
-// Whether the answer is right.
-bool ask_question(const std::string& text, const Question& question, const Table& table, const Engine& engine,
-                  const Library& library, size_t show) {
-  const size_t rows = table.rows();
-  const Plan plan = engine.plan(question);
-  const Answer answer = engine.answer(plan);
-  const auto wrong_row = first_wrong_row(question, answer, rows);
-  const bool wrong_count = rows_in(answer, rows) != answer.hits;
-
-  const std::string total = grouped(rows);
-  std::printf("%s\n  %s of %s rows %s  %s  %s\n", text.c_str(), right(grouped(answer.hits), total.size()).c_str(),
-              total.c_str(), right(percentage(answer.hits, rows), 8).c_str(), left(speed_of(answer, rows), 43).c_str(),
-              wrong_row || wrong_count ? "WRONG" : "checked");
-  std::string names;
-  for (const std::string& name : function_names(plan, library)) names += "  " + name;
-  if (!names.empty()) std::printf("%s\n", names.c_str());
-  if (show > 0) print_rows(table, answer, show);
-  std::puts("");
-  std::fflush(stdout);
-
-  if (wrong_row) {
-    std::fprintf(stderr, "kdzk-ask: wrong answer to %s: the kernels %s row %zu, the plain scan doesn't agree:\n",
-                 text.c_str(), answer.has(*wrong_row) ? "find" : "leave out", *wrong_row + 1);
-    write_csv_line(stderr, table.fields(*wrong_row));
-  } else if (wrong_count) {
-    std::fprintf(stderr, "kdzk-ask: wrong answer to %s: the right rows, but counted as %s\n", text.c_str(),
-                 grouped(answer.hits).c_str());
-  }
-  return !wrong_row && !wrong_count;
-}
+  Loaded(const std::string& path, const Forms& forms, const Options& options, const Library& library,
+         std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now())
+      : table(load_table(path, options.progress)), engine(table, library, forms), seconds(seconds_since(start)) {}
+};
 
 // Whether all answers are right.
-bool ask_file(const std::string& path, const Questions& questions, const Forms& forms, const Options& options,
-              const Library& library) {
-  const auto start = std::chrono::steady_clock::now();
-  const Table table = load_table(path, options.progress);
-  const Engine engine(table, library, forms);
-  const std::chrono::duration<double> loading = std::chrono::steady_clock::now() - start;
+bool ask_file(const std::string& path, const std::string& join, const Questions& questions, const Forms& forms,
+              const Options& options, const Library& library) {
+  const Loaded file(path, forms, options, library);
+  std::unique_ptr<Loaded> other;
+  if (!join.empty()) other = std::make_unique<Loaded>(join, Forms(), options, library);
 
-  std::vector<Question> parsed;
-  for (const std::string& text : questions) parsed.push_back(parse_question(text, table));
-  print_columns(table, engine, loading.count());
+  std::vector<Request> requests;
+  for (const std::string& text : questions) {
+    requests.push_back(parse_request(text, file.table, other ? &other->table : nullptr));
+  }
+  print_columns(file.table, file.engine, file.seconds);
   bool all_right = true;
   for (size_t i = 0; i < questions.size(); i++) {
-    all_right &= ask_question(questions[i], parsed[i], table, engine, library, options.show);
+    all_right &= ask(questions[i], requests[i], file.engine, other ? &other->engine : nullptr, options.show);
   }
   return all_right;
 }
@@ -279,14 +260,14 @@ int run(int count, char** words) {
   const Options options = parse_options(count, words);
   const Library library(options.library);
   if (options.demo.empty()) {
-    const bool right = ask_file(options.file, options.questions, options.forms, options, library);
+    const bool right = ask_file(options.file, options.join, options.questions, options.forms, options, library);
     return right ? status_good : status_wrong_answer;
   }
   const std::string flights = options.demo + "/flights.csv", airports = options.demo + "/airports.csv";
-  bool right = ask_file(flights, flight_questions, {}, options, library);
+  bool right = ask_file(flights, airports, flight_questions, {}, options, library);
   std::puts("The same flights, stored otherwise\n");
-  right &= ask_file(flights, flight_questions_again, other_flight_forms, options, library);
-  right &= ask_file(airports, airport_questions, {}, options, library);
+  right &= ask_file(flights, "", flight_questions_again, other_flight_forms, options, library);
+  right &= ask_file(airports, "", airport_questions, {}, options, library);
   return right ? status_good : status_wrong_answer;
 }
 

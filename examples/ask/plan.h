@@ -1,39 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What is to be done per vector of rows to answer a question: kernel calls, and how their bit vectors combine.
+// What is to be done per vector of rows to answer a question: tests of one column each, and how their bit vectors
+// combine. What a test comes to in a vector, no row, all rows or a kernel, the host kit says (kdzk/host/comparison.h).
 #ifndef KDZK_EXAMPLES_ASK_PLAN_H
 #define KDZK_EXAMPLES_ASK_PLAN_H
 
-#include <array>
 #include <cstdint>
 #include <vector>
 
+#include "question.h"
+#include "store.h"
+
 namespace ask {
 
-class Store;
-
-// One kernel with its constants, in the form in which the kernel reads them.
-struct Call {
-  using Constant = std::array<uint8_t, 8>;
-  const Store* store;
-  uint8_t kind;        // the store's, or a twin of it: which kernels
-  uint32_t operation;  // KDZK_OP_EQ to KDZK_OP_GE_LE
-  Constant low;        // or the only one
-  Constant high;
-};
-
 struct Plan {
-  enum class Kind { no_row, every_row, call, all_of, any_of, complement };
+  enum class Kind { range, set, all_of, any_of };
   Kind kind;
-  Call call{};
-  std::vector<Plan> terms{};  // two or more; a complement has one
+  const Store* store = nullptr;           // of a range and a set
+  std::vector<kdzk_host_range> ranges{};  // of a range, one for each vector
+  std::vector<uint64_t> set{};            // bit c % 64 of word c / 64: whether code c is in the set
+  std::vector<Plan> terms{};              // of the two others, one or more
 };
 
-// These simplify: no_row and every_row come out as a whole plan only, never as a term. A range of one column that
-// arrives as two comparisons becomes one call.
-Plan all_of(std::vector<Plan> terms);
+// The plan for a comparison of the column that is stored there. Throws Error if it needs codes and there are none.
+Plan plan_of(const Comparison& comparison, const Store& store);
+
+Plan all_of(std::vector<Plan> terms);  // makes one term of ranges of one column
 Plan any_of(std::vector<Plan> terms);
-Plan complement_of(Plan plan);
 
 }  // namespace ask
 

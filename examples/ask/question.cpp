@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
+#include <cmath>
 #include <string_view>
 #include <utility>
 
@@ -49,7 +51,7 @@ std::string quoted_text(const std::string& question, size_t& at) {
 
 std::vector<Token> tokens_of(const std::string& question) {
   constexpr std::string_view blanks = " \t\r\n\v\f";
-  constexpr std::string_view no_word_characters = " \t\r\n\v\f()=<>!'\"";
+  constexpr std::string_view no_word_characters = " \t\r\n\v\f()=<>!'\",*";
   std::vector<Token> tokens;
   size_t at = 0;
   while ((at = question.find_first_not_of(blanks, at)) != question.npos) {
@@ -73,18 +75,82 @@ std::vector<Token> tokens_of(const std::string& question) {
 
 class Parser {
  public:
-  Parser(const std::string& question, const Table& table)
-      : question_(question), table_(table), tokens_(tokens_of(question)) {}
+  Parser(const std::string& question, const Table& table, const Table* other)
+      : question_(question), table_(&table), other_(other), tokens_(tokens_of(question)) {}
 
-  Question parse() {
-    Question whole = any_of();
-    if (token().kind != Token::Kind::end) fail("expected `and`, `or` or the end of the question");
-    return whole;
+  Request parse() {
+    Request request = this->request();
+    if (token().kind != Token::Kind::end) fail(expected_behind_);
+    return request;
   }
 
  private:
+  Request request() {
+    if (accept_command("count")) {
+      expect_keyword("by");
+      Request request{Request::Kind::groups};
+      do request.columns.push_back(column());
+      while (accept_symbol(","));
+      request.where = where();
+      return request;
+    }
+    if (accept_command("sum")) {
+      Request request{.kind = Request::Kind::sum, .columns = {column_of_numbers()}};
+      expect_symbol("*");
+      request.columns.push_back(column_of_numbers());
+      request.where = where();
+      return request;
+    }
+    if (accept_command("inside")) return inside();
+    if (accept_command("join")) return join();
+    return {.kind = Request::Kind::rows, .where = any_of()};
+  }
+
+  Request inside() {
+    Request request{.kind = Request::Kind::inside, .columns = {column_of_numbers()}};
+    expect_symbol(",");
+    request.columns.push_back(column_of_numbers());
+    expect_keyword("of");
+    do {
+      const double x = number();
+      request.polygon.push_back({x, number()});
+    } while (accept_symbol(","));
+    if (request.polygon.size() < 3) fail("expected three points or more, as in -125 42, -114 42, -114 32");
+    request.where = where();
+    return request;
+  }
+
+  Request join() {
+    if (other_ == nullptr) fail("there is no file to join with; name one by --join FILE.csv");
+    Request request{Request::Kind::join};
+    std::swap(table_, other_);
+    request.other_where = where();
+    std::swap(table_, other_);
+    expect_keyword("on");
+    request.columns.push_back(column());
+    expect_symbol("=");
+    std::swap(table_, other_);
+    request.other_key = column();
+    if (request.other_key->type() != request.columns.front()->type()) {
+      fail(request.columns.front()->name() + " and " + request.other_key->name() + " hold values of different types");
+    }
+    expect_keyword("count");
+    expect_keyword("by");
+    request.other_group = column();
+    std::swap(table_, other_);
+    request.where = where();
+    return request;
+  }
+
+  std::optional<Question> where() {
+    if (accept_keyword("where")) return any_of();
+    expected_behind_ = "expected `where` or the end of the question";
+    return std::nullopt;
+  }
+
   Question any_of() {
     std::vector<Question> terms{all_of()};
+    expected_behind_ = "expected `and`, `or` or the end of the question";
     while (accept_keyword("or")) terms.push_back(all_of());
     return joined(Question::Kind::any_of, std::move(terms));
   }
@@ -123,7 +189,7 @@ class Parser {
         {"=", Relation::eq},  {"!=", Relation::ne}, {"<>", Relation::ne}, {"<", Relation::lt},
         {"<=", Relation::le}, {">", Relation::gt},  {">=", Relation::ge}};
     for (const auto& [symbol, relation] : symbols) {
-      if (accept_symbol(symbol)) return {column, relation, value(*column), {}};
+      if (accept_symbol(symbol)) return {column, relation, value(*column)};
     }
     const bool is = accept_keyword("is");
     const bool negated = accept_keyword("not");
@@ -132,17 +198,50 @@ class Parser {
       if (!accept_keyword("and")) fail("expected `and` and the upper end of the range");
       return {column, negated ? Relation::not_between : Relation::between, std::move(low), value(*column)};
     }
-    if (!is) fail(negated ? "expected `between`" : "expected a comparison: = != < <= > >= between is");
-    if (accept_keyword("null")) return {column, negated ? Relation::is_not_null : Relation::is_null, {}, {}};
-    return {column, negated ? Relation::ne : Relation::eq, value(*column), {}};
+    Comparison set{column, negated ? Relation::not_in_set : Relation::in_set};
+    if (accept_keyword("like")) {
+      if (column->type() != Type::text)
+        fail(column->name() + " holds " + name_of(column->type()) + "; `like` takes text");
+      set.pattern = Pattern{std::get<std::string>(value(*column))};
+      return set;
+    }
+    if (accept_keyword("in")) {
+      expect_symbol("(");
+      do set.list.push_back(value(*column));
+      while (accept_symbol(","));
+      expect_symbol(")");
+      return set;
+    }
+    if (!is) fail(std::string("expected ") + (negated ? "" : "a comparison: = != < <= > >= is ") + "between in like");
+    if (accept_keyword("null")) return {column, negated ? Relation::is_not_null : Relation::is_null};
+    return {column, negated ? Relation::ne : Relation::eq, value(*column)};
   }
 
   const Column* column() {
     if (token().kind != Token::Kind::word && token().kind != Token::Kind::double_quoted) fail("expected a column");
-    const Column* column = table_.find(token().text);
-    if (column == nullptr) fail("there is no column '" + token().text + "'; " + table_.file + " has " + column_names());
+    const Column* column = table_->find(token().text);
+    if (column == nullptr)
+      fail("there is no column '" + token().text + "'; " + table_->file + " has " + column_names());
     next_++;
     return column;
+  }
+
+  const Column* column_of_numbers() {
+    const Column* column = this->column();
+    if (column->type() == Type::text) fail(column->name() + " holds text, not numbers");
+    return column;
+  }
+
+  double number() {
+    double number = 0;
+    const std::string& text = token().text;
+    const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (token().kind != Token::Kind::word || error != std::errc() || stop != text.data() + text.size() ||
+        !std::isfinite(number)) {
+      fail("expected a number");
+    }
+    next_++;
+    return number;
   }
 
   Value value(const Column& column) {
@@ -157,7 +256,7 @@ class Parser {
 
   std::string column_names() const {
     std::string names;
-    for (const Column& column : table_.columns) names += (names.empty() ? "" : ", ") + column.name();
+    for (const Column& column : table_->columns) names += (names.empty() ? "" : ", ") + column.name();
     return names;
   }
 
@@ -168,6 +267,24 @@ class Parser {
     const std::string& text = token().text;
     return token().kind == Token::Kind::word &&
            std::equal(text.begin(), text.end(), keyword.begin(), keyword.end(), same);
+  }
+
+  // A keyword that begins a request, unless it is a column that is compared.
+  bool accept_command(std::string_view command) {
+    if (!is_keyword(command)) return false;
+    next_++;
+    const bool compared = token().kind == Token::Kind::symbol || token().kind == Token::Kind::end || is_keyword("is") ||
+                          is_keyword("not") || is_keyword("between") || is_keyword("in") || is_keyword("like");
+    next_ -= compared;
+    return !compared;
+  }
+
+  void expect_keyword(const std::string& keyword) {
+    if (!accept_keyword(keyword)) fail("expected `" + keyword + "`");
+  }
+
+  void expect_symbol(const std::string& symbol) {
+    if (!accept_symbol(symbol)) fail("expected `" + symbol + "`");
   }
 
   bool accept_keyword(std::string_view keyword) {
@@ -185,14 +302,18 @@ class Parser {
   [[noreturn]] void fail(const std::string& message) const { throw_error_at(question_, token().position, message); }
 
   const std::string& question_;
-  const Table& table_;
+  const Table* table_;
+  const Table* other_;
   std::vector<Token> tokens_;
+  const char* expected_behind_ = "";
   size_t next_ = 0;
   int nesting_ = 0;
 };
 
 }  // namespace
 
-Question parse_question(const std::string& text, const Table& table) { return Parser(text, table).parse(); }
+Request parse_request(const std::string& text, const Table& table, const Table* other) {
+  return Parser(text, table, other).parse();
+}
 
 }  // namespace ask

@@ -3,160 +3,180 @@
 
 #include <string>
 
-#include "blocked_store.h"
-#include "dict_store.h"
-#include "dynp_store.h"
 #include "error.h"
-#include "fixed_store.h"
-#include "runs_store.h"
 
 namespace ask {
 namespace {
 
-template <class Form>
-std::unique_ptr<Store> make(const Column& column) {
-  return std::make_unique<Form>(column);
-}
-
 struct KnownForm {
   const char* name;
-  std::unique_ptr<Store> (*make)(const Column& column);
+  uint32_t form;
 };
+constexpr KnownForm known_forms[] = {{"dict", KDZK_HOST_PACKED},
+                                     {"blocked", KDZK_HOST_BLOCKED(KDZK_HOST_PACKED)},
+                                     {"runs", KDZK_HOST_RUNS},
+                                     {"fixed", KDZK_HOST_FIXED},
+                                     {"dynp", KDZK_HOST_DYNP}};
 
-constexpr KnownForm known_forms[] = {{DictStore::name, make<DictStore>},
-                                     {BlockedStore::name, make<BlockedStore>},
-                                     {RunsStore::name, make<RunsStore>},
-                                     {FixedStore::name, make<FixedStore>},
-                                     {DynpStore::name, make<DynpStore>}};
+uint32_t form_named(std::string_view name) {
+  std::string names;
+  for (const KnownForm& known : known_forms) {
+    if (name == known.name) return known.form;
+    names += (names.empty() ? "" : ", ") + std::string(known.name);
+  }
+  throw Error("there is no storage form '" + std::string(name) + "'; the forms are: " + names);
+}
+
+// Values of a column in the arrays that the kit reads.
+class Values {
+ public:
+  explicit Values(const Column& column) : column_(column) {}
+
+  void add(uint32_t entry) {
+    if (rows_ % 64 == 0) nulls_.push_back(0);
+    nulls_[rows_ / 64] |= uint64_t{entry == Column::null_entry} << rows_ % 64;
+    rows_++;
+    if (column_.type() == Type::whole) {
+      wholes_.push_back(entry == Column::null_entry ? 0 : column_.whole_of_entry(entry));
+    } else if (column_.type() == Type::decimal) {
+      decimals_.push_back(entry == Column::null_entry ? 0 : column_.decimal_of_entry(entry));
+    } else {
+      const std::string_view text = column_.text_of_entry(entry);
+      texts_.push_back({text.data(), text.size()});
+    }
+  }
+
+  kdzk_host_values get() const {
+    if (column_.type() == Type::whole) return {KDZK_HOST_INTEGER, rows_, wholes_.data(), nulls_.data()};
+    if (column_.type() == Type::decimal) return {KDZK_HOST_DOUBLE, rows_, decimals_.data(), nulls_.data()};
+    return {KDZK_HOST_TEXT, rows_, texts_.data(), nulls_.data()};
+  }
+
+ private:
+  const Column& column_;
+  uint32_t rows_ = 0;
+  std::vector<int64_t> wholes_;
+  std::vector<double> decimals_;
+  std::vector<kdzk_host_text> texts_;
+  std::vector<uint64_t> nulls_;
+};
 
 }  // namespace
 
-size_t Store::bytes() const {
+Store::Store(std::string_view form, const Column& column, const Library& library)
+    : column_(column), library_(library), form_(form_named(form)) {
+  if ((form_ & KDZK_HOST_CODED_FORMS) != 0) make_dictionary();
+  while (vectors_.size() < vectors_of(column.rows())) add_vector();
+  require_kernels();
+}
+
+void Store::make_dictionary() {
+  Values distinct(column_);
+  for (uint32_t rank = 0; rank < column_.ranks(); rank++) distinct.add(column_.entry_of_rank(rank));
+  const kdzk_host_values values = distinct.get();
+  coder_.reset(kdzk_host_coder_new(values.type));
+  if (coder_ == nullptr || kdzk_host_coder_add(coder_.get(), &values) != KDZK_HOST_DONE ||
+      kdzk_host_coder_finish(coder_.get(), column_.nulls() > 0 ? KDZK_HOST_NULL_ALWAYS : KDZK_HOST_NULL_IF_SEEN) !=
+          KDZK_HOST_DONE) {
+    throw Error("no memory for the dictionary of column " + column_.name());
+  }
+}
+
+void Store::add_vector() {
+  const size_t first_row = vectors_.size() * vector_rows;
+  const uint32_t rows = rows_of_vector(vectors_.size(), column_.rows());
+  Values rows_values(column_);
+  for (uint32_t row = 0; row < rows; row++) rows_values.add(column_.entry_of_row(first_row + row));
+  const kdzk_host_values values = rows_values.get();
+
+  Vector& vector = *vectors_.emplace_back(std::make_unique<Vector>());
+  vector.bytes.resize(kdzk_host_column_bound(rows));
+  const uint32_t status =
+      kdzk_host_column_build(&values, coder_.get(), form_, 0, vector.bytes.data(), vector.bytes.size(), &vector.column);
+  if (status != KDZK_HOST_DONE) {
+    throw Error("column " + column_.name() + " can't be stored as " + form() +
+                (status == KDZK_HOST_NO_FORM
+                     ? ", which takes numbers, and texts of up to 8 bytes that don't end with a zero byte"
+                     : ": there is no memory for it"));
+  }
+  vector.bytes.resize(kdzk_host_padded(vector.column.size));
+  vector.bytes.shrink_to_fit();
+  vector.run_bits.resize(kdzk_host_bitvec_words(vector.column.elements));
+  kdzk_host_column_bind(library_.ctx(), &vector.column, vector.bytes.data(), is_coded() ? &dictionary() : nullptr,
+                        vector.run_bits.data(), &vector.bound);
+  vector.bound.input.alloc_tag = kdzk_host_tag(vector.bound.input.decomp_slot);
+}
+
+// All predicates for the width of each vector, and what its form needs beside them.
+void Store::require_kernels() const {
+  for (const auto& vector : vectors_) {
+    const uint32_t eq = kdzk_id_of_kind(vector->bound.enc_ctx.kind, KDZK_OP_EQ);
+    bool complete = !is_blocked() || library_->sqzb_decode_x86 != nullptr;
+    if (has_runs()) complete &= library_.has(burst_kernel(*vector));
+    for (uint32_t operation = KDZK_OP_EQ; operation <= KDZK_OP_GE_LE; operation++) {
+      complete &= library_.has(eq + operation);
+      if (is_coded() && column_.nulls() > 0) complete &= library_.has(eq + operation + kdzk_id_of(KDZK_ROW_VARIANT, 0));
+    }
+    if (!complete) {
+      throw Error("column " + column_.name() + " is stored as " + std::to_string(width()) + "-bit " + form() +
+                  ", and the library lacks functions for that");
+    }
+  }
+}
+
+const char* Store::form() const {
+  return std::find_if(std::begin(known_forms), std::end(known_forms),
+                      [&](const KnownForm& known) { return known.form == form_; })
+      ->name;
+}
+
+uint32_t Store::width() const {
+  uint32_t width = 0;
+  for (const auto& vector : vectors_) {
+    const kdzk_host_column& column = vector->column;
+    width = std::max<uint32_t>(width, form_ == KDZK_HOST_FIXED ? 8 * column.value_bytes : column.width);
+  }
+  return width;
+}
+
+size_t Store::packed_bytes() const {
   size_t bytes = 0;
-  for (const Vector& vector : vectors_) bytes += vector.data_bytes + vector.length_bytes;
+  for (const auto& vector : vectors_) {
+    const kdzk_host_column& column = vector->column;
+    bytes += is_coded() ? kdzk_host_packed_bytes(column.nrows, column.width) : column.size;
+  }
   return bytes;
 }
 
-void Store::require_kernels(const Library& library) const {
-  bool complete = helpers_in(library);
-  for (const uint8_t kind : {encoding_.kind, value_kind_}) {
-    for (uint32_t operation = KDZK_OP_EQ; operation <= KDZK_OP_GE_LE; operation++) {
-      complete &= library.has(kind, operation);
-    }
+size_t Store::compressed_bytes() const {
+  size_t bytes = 0;
+  for (const auto& vector : vectors_) {
+    if (has_runs() || is_blocked()) bytes += vector->column.size;
   }
-  if (!complete) {
-    throw Error("column " + column_.name() + " is stored as " + std::to_string(width()) + "-bit " + form() +
-                ", and the library lacks functions for that");
+  return bytes;
+}
+
+uint32_t Store::burst_kernel(const Vector& vector) const {
+  kdzk_host_kernel kernel;
+  kdzk_host_find_kernel(library_.ctx(), KDZK_OP_BURST_RLE, KDZK_HOST_FORM_RLE, vector.column.length_bits, &kernel);
+  return kernel.id;
+}
+
+std::vector<uint32_t> Store::codes() const {
+  std::vector<uint32_t> codes(column_.rows());
+  Memory memory(library_);
+  for (size_t i = 0; i < vectors_.size(); i++) {
+    const kdzk_vec& input = vectors_[i]->bound.input;
+    kdzk_vec result{};
+    result.data = &codes[i * vector_rows];
+    result.nrows = input.nrows;
+    kdzk_exec exec{};
+    exec.env = memory.env();
+    exec.flags = KDZK_EX_UNPACK_WIDE;
+    library_.kernel(kdzk_id_of_kind(input.enc_ctx->kind, KDZK_OP_DECODE_UNPACK)).decode(&result, &input, &exec);
+    memory.release();
   }
-}
-
-void Store::choose_kernels(uint32_t family, uint32_t width) {
-  const uint32_t row = kdzk_row_of_width(width);
-  encoding_.kind = kdzk_kind_of(row, family);
-  value_kind_ = column_.nulls() == 0 ? encoding_.kind : kdzk_kind_of(row + KDZK_ROW_VARIANT, family);
-}
-
-// A vector's rows fill whole bytes at any width, so the vectors stand end to end.
-Store::Stretch Store::stretch(size_t vector, uint32_t bits) const {
-  return {vector * vector_rows / 8 * bits, (size_t{rows_of_vector(vector, column_.rows())} * bits + 7) / 8};
-}
-
-Store::Vector& Store::add_vector(Stretch data, Stretch lengths) {
-  Vector vector{};
-  vector.input.data = data_.data() + data.first_byte;
-  vector.input.lengths = lengths_.data() + lengths.first_byte;
-  vector.input.enc_ctx = &encoding_;
-  vector.input.nrows = rows_of_vector(vectors_.size(), column_.rows());
-  vector.data_bytes = data.bytes;
-  vector.length_bytes = lengths.bytes;
-  return vectors_.emplace_back(vector);
-}
-
-// The kernels get only constants that are values of the column: a comparison with a value that isn't there is one with
-// its neighbour above, or holds for every value or for none. So it doesn't matter what a form could not store.
-Plan Store::plan(const Comparison& comparison) const {
-  const Relation relation = comparison.relation;
-  if (relation == Relation::is_null) return null();
-  if (relation == Relation::is_not_null) return not_null();
-
-  const uint32_t below = column_.ranks_below(comparison.low);
-  const uint32_t up_to = column_.ranks_up_to(comparison.low);
-  const bool exists = below < up_to;
-  const bool is_highest = up_to == column_.ranks();
-  switch (relation) {
-    case Relation::eq:
-      return between(below, up_to);
-    case Relation::ne:
-      return exists ? all_but(below) : not_null();
-    case Relation::lt:
-      return before(below);
-    case Relation::le:
-      return exists && !is_highest ? values(KDZK_OP_LE, below) : before(up_to);
-    case Relation::gt:
-      return exists && !is_highest ? values(KDZK_OP_GT, below) : from(up_to);
-    case Relation::ge:
-      return from(below);
-    case Relation::between:
-      return between(below, column_.ranks_up_to(comparison.high));
-    default:  // not_between
-      return not_between(below, std::max(below, column_.ranks_up_to(comparison.high)));
-  }
-}
-
-// Forms that have a NULL store it as 0, which the kernels for columns without NULLs take for a value like any other.
-Plan Store::null() const {
-  if (column_.nulls() == 0) return {Plan::Kind::no_row};
-  if (column_.ranks() == 0) return {Plan::Kind::every_row};
-  return {Plan::Kind::call, Call{this, encoding_.kind, KDZK_OP_EQ, {}, {}}};
-}
-
-Plan Store::not_null() const {
-  if (column_.ranks() == 0) return {Plan::Kind::no_row};
-  if (column_.nulls() == 0) return {Plan::Kind::every_row};
-  return values(KDZK_OP_GE, 0);
-}
-
-Plan Store::all_but(uint32_t rank) const {
-  return column_.ranks() == 1 ? Plan{Plan::Kind::no_row} : values(KDZK_OP_NE, rank);
-}
-
-Plan Store::before(uint32_t end) const {
-  if (end == 0) return {Plan::Kind::no_row};
-  return end == column_.ranks() ? not_null() : values(KDZK_OP_LT, end);
-}
-
-Plan Store::from(uint32_t first) const {
-  if (first == column_.ranks()) return {Plan::Kind::no_row};
-  return first == 0 ? not_null() : values(KDZK_OP_GE, first);
-}
-
-Plan Store::between(uint32_t first, uint32_t end) const {
-  if (first >= end) return {Plan::Kind::no_row};
-  if (first == 0) return before(end);
-  if (end == column_.ranks()) return from(first);
-  return end - first == 1 ? values(KDZK_OP_EQ, first) : values(KDZK_OP_GE_LE, first, end - 1);
-}
-
-Plan Store::not_between(uint32_t first, uint32_t end) const {
-  if (column_.nulls() == 0) return complement_of(between(first, end));
-  return any_of({before(first), from(end)});
-}
-
-Plan Store::values(uint32_t operation, uint32_t rank, uint32_t high_rank) const {
-  return {Plan::Kind::call, Call{this, value_kind_, operation, constant(rank), constant(high_rank)}};
-}
-
-std::unique_ptr<Store> make_store(std::string_view form, const Column& column, const Library& library) {
-  std::string names;
-  for (const KnownForm& known : known_forms) {
-    if (form == known.name) {
-      auto store = known.make(column);
-      store->require_kernels(library);
-      return store;
-    }
-    names += (names.empty() ? "" : ", ") + std::string(known.name);
-  }
-  throw Error("there is no storage form '" + std::string(form) + "'; the forms are: " + names);
+  return codes;
 }
 
 }  // namespace ask

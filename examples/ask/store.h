@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A column in the form that the kernels work on. Each storage form is a subclass, which lays out the rows and gives the
-// constants. In all forms the stored values have the order of the ranks, so which kernel calls answer a comparison is
-// found here once for all.
+// A column in the form that the kernels work on: the host kit's columns, one for each vector of rows, which share a
+// dictionary if the form has codes.
 #ifndef KDZK_EXAMPLES_ASK_STORE_H
 #define KDZK_EXAMPLES_ASK_STORE_H
 
-#include <kdzk/kdzk.h>
+#include <kdzk/host.h>
 
 #include <algorithm>
 #include <memory>
@@ -15,97 +14,81 @@
 
 #include "column.h"
 #include "library.h"
-#include "plan.h"
-#include "question.h"
 
 namespace ask {
 
 constexpr size_t vector_rows = 65536;  // of every vector but a column's last
+constexpr size_t vector_words = vector_rows / 64;
 
 inline size_t vectors_of(size_t rows) { return (rows + vector_rows - 1) / vector_rows; }
 inline uint32_t rows_of_vector(size_t vector, size_t rows) {
   return static_cast<uint32_t>(std::min(vector_rows, rows - vector * vector_rows));
 }
 
+// The kit's memory for decompressed copies and scratch. Copies are kept until they are released, between vectors: one
+// is made once however many terms of a question need it, and there is never more than a vector of each column.
+class Memory {
+ public:
+  explicit Memory(const Library& library) { kdzk_host_memory_malloc(&memory_, library.ctx()); }
+  ~Memory() { kdzk_host_memory_close(&memory_); }
+  Memory(const Memory&) = delete;  // memory_ must not move
+  Memory& operator=(const Memory&) = delete;
+  const kdzk_env* env() const { return &memory_.env; }
+  void release() { kdzk_host_memory_reset(&memory_); }
+
+ private:
+  kdzk_host_memory memory_;
+};
+
 class Store {
  public:
   struct Vector {
-    kdzk_vec input;
-    size_t data_bytes;    // that the kernels go through; of a block, decompressed
-    size_t length_bytes;  // of what tells where rows lie: lengths, or where runs begin; 0 in forms without
+    kdzk_host_column column;
+    std::vector<uint8_t> bytes;      // of the column, and KDZK_PADDING behind them
+    std::vector<uint64_t> run_bits;  // room for a bit per run
+    kdzk_host_bound bound;           // for the kernels
   };
 
-  virtual ~Store() = default;
-  Store(const Store&) = delete;  // the vectors point to encoding_
-  Store& operator=(const Store&) = delete;
-
-  virtual const char* form() const = 0;
-  uint32_t width() const { return encoding_.width; }  // bits of a value, at most
-  bool has_runs() const { return (encoding_.flags & KDZK_RLE) != 0; }
-  bool is_blocked() const { return (encoding_.flags & KDZK_BLOCKED) != 0; }
-
-  // Bytes of the rows' values, packed, and what a form that compresses makes of them; 0 for the other forms.
-  virtual size_t packed_bytes() const { return bytes(); }
-  virtual size_t compressed_bytes() const { return 0; }
-
-  const Vector& vector(size_t number) const { return vectors_[number]; }
-
-  // With less than this part of a vector's rows still in question, visiting them one by one is the faster way.
-  uint32_t selective_part() const { return selective_part_; }
-
-  Plan plan(const Comparison& comparison) const;
-  void require_kernels(const Library& library) const;  // throws Error if it lacks any that a plan may need
-
- protected:
-  // Bytes of a stream that belong to one vector.
-  struct Stretch {
-    size_t first_byte;
-    size_t bytes;
-  };
-
-  explicit Store(const Column& column) : column_(column) {}
+  // Throws Error if there is no such form, if it can't hold the column, or if the library has no kernels for it.
+  Store(std::string_view form, const Column& column, const Library& library);
 
   const Column& column() const { return column_; }
-  size_t bytes() const;  // of the vectors, as Vector has them
+  const char* form() const;
+  uint32_t width() const;  // bits of a code or value, at most
+  bool is_coded() const { return coder_ != nullptr; }
+  bool has_runs() const { return form_ == KDZK_HOST_RUNS; }
+  bool has_lengths() const { return form_ == KDZK_HOST_DYNP; }
+  bool is_blocked() const { return (form_ & KDZK_HOST_PLAIN_FORMS) == 0; }
+  const kdzk_host_dictionary& dictionary() const { return *kdzk_host_coder_dictionary(coder_.get()); }  // if coded
 
-  // The value of a rank as the kernels take it.
-  virtual Call::Constant constant(uint32_t rank) const = 0;
+  // Bytes of the rows' codes or values, packed, and what a form that compresses makes of them; 0 for the other forms.
+  size_t packed_bytes() const;
+  size_t compressed_bytes() const;
 
-  // Whether the library has what the form needs beside the kernels of its kind.
-  virtual bool helpers_in(const Library&) const { return true; }
+  size_t vectors() const { return vectors_.size(); }
+  Vector& vector(size_t number) const { return *vectors_[number]; }
 
-  // For the constructors of the forms, in this order. Streams end with KDZK_PADDING bytes and don't move any more once
-  // there are vectors.
-  void choose_kernels(uint32_t family, uint32_t width);
-  Stretch stretch(size_t vector, uint32_t bits) const;  // in a stream with so many bits a row
-  Vector& add_vector(Stretch data, Stretch lengths = {});
+  // The id of the kernel that makes bits per row of a vector's bits per run; of a column stored as runs.
+  uint32_t burst_kernel(const Vector& vector) const;
 
-  kdzk_enc_ctx encoding_{};
-  // At one row in 64, a `ge` over all 65,536 rows takes 3.0 us at 2 bits and 5.8 us at 24, a visit 3.0 and 2.8 us
-  // (dict; AMD EPYC, family 25; g++ 12).
-  uint32_t selective_part_ = 64;
-  std::vector<uint8_t> data_;
-  std::vector<uint8_t> lengths_;
+  // The codes of all rows, by the decode_unpack kernel; of a column that is coded.
+  std::vector<uint32_t> codes() const;
 
  private:
-  // Plans for the rows whose value's rank is as the name says, NULLs left out; `end` is excluded.
-  Plan all_but(uint32_t rank) const;
-  Plan before(uint32_t end) const;
-  Plan from(uint32_t first) const;
-  Plan between(uint32_t first, uint32_t end) const;
-  Plan not_between(uint32_t first, uint32_t end) const;
-  Plan values(uint32_t operation, uint32_t rank, uint32_t high_rank = 0) const;  // in this relation to the rank
+  struct FreeCoder {
+    void operator()(kdzk_host_coder* coder) const { kdzk_host_coder_free(coder); }
+  };
 
-  Plan null() const;
-  Plan not_null() const;
+  void make_dictionary();
+  void add_vector();
+  void require_kernels() const;
 
   const Column& column_;
-  uint8_t value_kind_ = 0;  // the kernels that leave out NULLs, if there are any
-  std::vector<Vector> vectors_;
+  const Library& library_;
+  uint32_t form_;
+  std::unique_ptr<kdzk_host_coder, FreeCoder> coder_;
+  std::vector<std::unique_ptr<Vector>> vectors_;  // each of which points to itself
 };
-
-// Throws Error if there is no such form, if it can't hold the column, or if the library has no kernels for it.
-std::unique_ptr<Store> make_store(std::string_view form, const Column& column, const Library& library);
 
 }  // namespace ask
 

@@ -5,11 +5,12 @@
 BUILD = build
 JOBS = $(shell nproc)
 
-.PHONY: help demo test bench clean
+.PHONY: help demo test proof bench clean
 
 help:
 	@echo 'make demo    build the library and the example, and ask it about real flights'
 	@echo 'make test    build everything and run all tests'
+	@echo 'make proof   build everything, check all promises and write docs/proof.md'
 	@echo 'make bench   measure the kernels'
 	@echo 'make clean   remove $(BUILD)/'
 
@@ -24,6 +25,11 @@ test:
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON
 	cmake --build $(BUILD) --parallel $(JOBS)
 	ctest --test-dir $(BUILD) --output-on-failure
+
+proof:
+	tools/setup.sh test
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON
+	CMAKE_BUILD_PARALLEL_LEVEL=$(JOBS) tools/proof.sh $(BUILD)
 
 bench:
 	tools/setup.sh bench

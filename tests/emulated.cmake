@@ -12,3 +12,5 @@ execute_process(COMMAND ${QEMU} -cpu ${CPU} ${PROGRAM} ${ARGUMENTS} OUTPUT_VARIA
 if(NOT status EQUAL 0 OR NOT output MATCHES "${EXPECTED}")
   message(FATAL_ERROR "ended with ${status}, and was to print \"${EXPECTED}\":\n${output}")
 endif()
+string(REGEX MATCH "${EXPECTED}[^\n]*" found "${output}")
+message("figure: on ${CPU}: ${found}")

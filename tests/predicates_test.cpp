@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <memory>
 
 #include "tests/support/predicate_oracle.h"
@@ -304,6 +305,86 @@ TEST_P(Predicates, TouchNothingWithoutRows) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Predicates, testing::ValuesIn(predicate_kernels()),
+                         [](const auto& info) { return info.param.title(); });
+
+// ---- All there is: every code, every constant and pair of constants, at every place of a step ----
+
+// Row i of step s has the code (s + i) % codes, so that every code stands at every place of a step; the last rows are a
+// step but one. Steps are whole words here, so the 64 rows of a word are 64 codes in a row.
+struct EveryCode {
+  uint64_t codes, step;
+  std::vector<Row> rows;
+
+  explicit EveryCode(const PredicateKernel& kernel)
+      : codes(kernel.top() + 1), step(static_cast<uint64_t>(kernel.rows_per_step())), rows(codes * step + step - 1) {
+    for (uint64_t r = 0; r < rows.size(); r++) rows[r].value = (r / step + r % step) % codes;
+  }
+
+  // The result's words, `holds` being told for each code.
+  template <class Holds>
+  void put(const Holds& holds, std::vector<uint64_t>& words) const {
+    std::vector<uint64_t> around((codes + 191) / 64);  // bit c is of code c % codes
+    for (uint64_t c = 0; c < codes; c++) {
+      const uint64_t bit = holds(c);
+      for (uint64_t at = c; at < 64 * around.size(); at += codes) around[at / 64] |= bit << at % 64;
+    }
+    for (uint64_t w = 0; w < words.size(); w++) {
+      const uint64_t c = rows[64 * w].value;
+      words[w] = around[c / 64] >> c % 64 | (c % 64 > 0 ? around[c / 64 + 1] << (64 - c % 64) : 0);
+    }
+    words.back() &= (uint64_t{1} << rows.size() % 64) - 1;
+  }
+};
+
+class EveryConstant : public Predicates {
+ protected:
+  static void TearDownTestSuite() {
+    std::printf("figure: %llu calls, %llu rows compared\n", calls, compared);
+    std::fflush(stdout);
+  }
+  static inline unsigned long long calls = 0, compared = 0;
+};
+
+TEST_P(EveryConstant, OnEveryCodeAtEveryPlaceOfAStep) {
+  const PredicateKernel& kernel = GetParam();
+  now_running(kernel.title());
+  const EveryCode column(kernel);
+  const Vector vector(kernel, column.rows, {}, {});
+  std::vector<std::unique_ptr<Constant>> constants;
+  for (uint64_t c = 0; c < column.codes; c++) constants.push_back(std::make_unique<Constant>(kernel, Row{c}));
+  std::vector<uint64_t> want((column.rows.size() + 63) / 64);
+  GuardedBits bits(column.rows.size()), selection(std::vector<bool>(column.rows.size(), true), 0);
+  kdzk_exec selective{};
+  selective.selection = selection.words();
+  selective.flags = KDZK_EX_SELECTIVE;
+  kdzk_vec result{};
+  result.bitvec = bits.words();
+  result.nrows = vector.nrows();
+  for (uint64_t low = 0; low < column.codes; low++) {
+    for (uint64_t high = 0; high < (kernel.two_sided() ? column.codes : 1); high++) {
+      column.put([&](uint64_t c) { return qualifies(kernel, {c}, {low}, {high}); }, want);
+      // Row by row it would take minutes for all pairs of the wider codes.
+      for (kdzk_exec* exec : {static_cast<kdzk_exec*>(nullptr), &selective}) {
+        if (exec != nullptr && kernel.two_sided() && kernel.width > 5) continue;
+        kernel.call(&result, &vector.input, constants[low]->args(), constants[high]->args(), exec);
+        const size_t last = want.size() - 1;
+        const uint64_t last_word = bits.word(last) & ((uint64_t{1} << column.rows.size() % 64) - 1);
+        ASSERT_TRUE(std::equal(want.begin(), want.end() - 1, bits.words()) && want[last] == last_word)
+            << kernel.title() << ", constants " << low << ", " << high << (exec != nullptr ? ", row by row" : "");
+        calls++;
+        compared += column.rows.size();
+      }
+    }
+  }
+}
+
+std::vector<PredicateKernel> narrow_kernels() {
+  auto kernels = predicate_kernels();
+  std::erase_if(kernels, [](const PredicateKernel& kernel) { return kernel.form != "dict" || kernel.width > 8; });
+  return kernels;
+}
+
+INSTANTIATE_TEST_SUITE_P(Narrow, EveryConstant, testing::ValuesIn(narrow_kernels()),
                          [](const auto& info) { return info.param.title(); });
 
 // What the 1-bit kernels answer is read off their constants as off a table, also where no dictionary has such a code.

@@ -126,7 +126,7 @@ int main(int argc, char** argv) {
         complain(block, "scratch is not used as it should: " + host.complaint, rounds, random.seed());
     }
   }
-  std::printf("%llu blocks, %llu of them well formed\n", static_cast<unsigned long long>(rounds),
+  std::printf("figure: %llu blocks, %llu of them well formed\n", static_cast<unsigned long long>(rounds),
               static_cast<unsigned long long>(passed));
   return passed == 0 ? 1 : 0;
 }

@@ -58,7 +58,16 @@ void now_running(const std::string& what) { std::snprintf(running, sizeof runnin
 // Mappings are kept for the next buffer of their size: thousands are made, and the kernel's share is most of the time.
 std::map<size_t, std::vector<uint8_t*>> spare_mappings;
 
+struct Guarded {
+  unsigned long long buffers = 0, bytes = 0;
+  ~Guarded() {
+    if (buffers > 0) std::printf("figure: %llu buffers against pages that fault, %llu bytes in all\n", buffers, bytes);
+  }
+} guarded;
+
 GuardedBuffer::GuardedBuffer(size_t size, size_t slack, uint8_t fill) : size_(size) {
+  guarded.buffers++;
+  guarded.bytes += size + slack;
   const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   const size_t inside = (size + slack + page - 1) / page * page;
   map_size_ = inside + 2 * page;

@@ -1,0 +1,540 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * What hosts of 19.1-1 were compiled against: the library's headers of that version in one file, without their
+ * comments. It is kept as it is. A release with an interface of its own gets a file like this beside it. */
+#ifndef KDZK_ABI_19_1_1_H
+#define KDZK_ABI_19_1_1_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define KDZK_PADDING 16u
+#define KDZK_SET_PADDING 8u
+#define KDZK_DONE 0u
+#define KDZK_NO_ROW 1u
+#define KDZK_UNSUPPORTED 2u
+#define KDZK_KEYS_TOO_MANY 3u
+#define KDZK_PARTITION_FULL 5u
+#define KDZK_OVERFLOW_FULL 6u
+#define KDZK_PAIRS_FULL 7u
+#define KDZK_PAGE_FULL 8u
+#define KDZK_OUTPUT_FULL 9u
+#define KDZK_MALFORMED 10u
+#define KDZK_SUM_ONLY 0x1u
+#define KDZK_CONST 0x4u
+#define KDZK_NUMERIC 0x80u
+#define KDZK_PACKED_DICT 0x100u
+#define KDZK_RLE 0x200u
+#define KDZK_FIXED_BYTES 0x800u
+#define KDZK_LEN_ARRAY 0x1000u
+#define KDZK_LEN_PREFIXED 0x2000u
+#define KDZK_PTR_LEN 0x4000u
+#define KDZK_PAIR16 0x8000u
+#define KDZK_BLOCKED 0x10000u
+#define KDZK_KEYED16 0x20000u
+#define KDZK_PROBE_PAIRS 0x40000u
+#define KDZK_IMPLICIT_IDS 0x80000u
+#define KDZK_REF_WORDS 0x100000u
+#define KDZK_HASH_U32 0x400000u
+#define KDZK_KEYED24 0x800000u
+#define KDZK_EX_SELECTIVE 0x02u
+#define KDZK_EX_UNPACK_WIDE 0x04u
+#define KDZK_EX_GROUP_MUL 0x10u
+#define KDZK_EX_PAIR_WORD0 0x20u
+#define KDZK_EX_SUM 0x80u
+#define KDZK_EX_COPY_VALUES 0x01u
+#define KDZK_OUT_SELECTION 0x02u
+#define KDZK_OUT_DECODE_ROW 0x04u
+#define KDZK_OUT_SET_SELECTION 0x10u
+#define KDZK_OUT_BLOOM_SELECTIVE 0x20u
+#define KDZK_OUT_UNPACK_ROW 0x40u
+#define KDZK_OUT2_XLATE_SELECTIVE 0x01u
+#define KDZK_STORE_ROWS 0x02u
+#define KDZK_STORE_OFFSETS 0x08u
+#define KDZK_STORE_REFS 0x10u
+#define KDZK_STORE_PAIRS 0x20u
+
+typedef struct kdzk_vec kdzk_vec;
+
+typedef struct kdzk_enc_ctx kdzk_enc_ctx;
+
+typedef struct kdzk_run_position kdzk_run_position;
+
+typedef struct kdzk_exec kdzk_exec;
+
+typedef struct kdzk_env kdzk_env;
+
+typedef struct kdzk_sqzb_ctx kdzk_sqzb_ctx;
+
+typedef struct kdzk_result_report kdzk_result_report;
+
+typedef struct kdzk_bv_iter kdzk_bv_iter;
+
+typedef struct kdzk_hit_range kdzk_hit_range;
+
+typedef struct kdzk_partdesc kdzk_partdesc;
+
+typedef struct kdzk_htdesc kdzk_htdesc;
+
+typedef struct kdzk_rowstore kdzk_rowstore;
+typedef void* (*kdzk_alloc_fn)(void* hctx, void* heap, uint32_t size, const char* comment, uint32_t unit,
+                               uint32_t alignment, uint64_t tag);
+typedef void* (*kdzk_tmp_alloc_fn)(void* hctx, uint64_t size, const char* comment, uint32_t unit, uint32_t zero,
+                                   void** out);
+typedef void (*kdzk_tmp_free_fn)(void* hctx, void* scratch, void* out);
+typedef uint32_t (*kdzk_decompress_fn)(const kdzk_sqzb_ctx* ctx, const void* src, void* dst, uint32_t* written,
+                                       uint32_t capacity);
+typedef uint32_t (*kdzk_result_cb)(const kdzk_env* env, kdzk_vec* result, const kdzk_vec* input,
+                                   const kdzk_result_report* report);
+typedef uint64_t (*kdzk_hash_fn)(const void* key, uint32_t length, uint64_t seed);
+void hostinternalerr(void* hctx, uint64_t word72, const char* message, uint64_t zero);
+
+struct kdzk_vec {
+  void* data;
+  void* lengths;
+  void* indicators;
+  const kdzk_enc_ctx* enc_ctx;
+  const uint64_t* filter;
+  uint64_t* bitvec;
+  uint32_t hits;
+  uint32_t nrows;
+  uint32_t decomp_size;
+  void** decomp_slot;
+  uint64_t alloc_tag;
+  uint64_t rowbase;
+  uint64_t out_size;
+};
+typedef kdzk_vec kdzk_kargs;
+
+struct kdzk_enc_ctx {
+  uint8_t kind;
+  const uint8_t* base;
+  const uint8_t* value_len;
+  const uint8_t* offsets;
+  uint32_t dict_size;
+  uint32_t dict_mode;
+  uint64_t unpack_base;
+  uint8_t unpack_width;
+  uint32_t own_nrows;
+  const uint8_t* run_offsets;
+  kdzk_result_cb result_cb;
+  uint64_t* own_bitvec;
+  uint8_t prefix_group;
+  int16_t prefix_width;
+  uint32_t prefix_count;
+  uint8_t bloom_paged;
+  uint32_t bloom_mask;
+  uint32_t page_shift;
+  uint32_t page_mask;
+  uint8_t ref_bits;
+  const uint64_t* ref_pages;
+  uint32_t xlate_base;
+  uint32_t flags;
+  uint8_t width;
+  uint8_t width_zero[3];
+  uint8_t float_kind;
+};
+
+struct kdzk_run_position {
+  uint32_t run_index;
+  uint32_t run_end;
+};
+
+struct kdzk_exec {
+  const kdzk_env* env;
+  const uint64_t* selection;
+  uint8_t flags;
+  uint8_t flags2;
+  uint32_t part;
+  uint32_t row;
+  union {
+    uint64_t key_off;
+    kdzk_run_position run;
+  };
+  uint64_t payload_off;
+  uint32_t* ones_vec;
+  uint32_t ones_vec_size;
+  uint32_t start_row;
+  uint8_t out_flags;
+  uint8_t out_flags2;
+  const void* xlate_info;
+  void* xlate_map;
+  uint32_t group_stride;
+};
+
+struct kdzk_env {
+  void* hctx;
+  void* heap;
+  kdzk_alloc_fn alloc;
+  kdzk_tmp_alloc_fn tmp_alloc;
+  kdzk_tmp_free_fn tmp_free;
+  kdzk_decompress_fn decompress;
+};
+
+struct kdzk_sqzb_ctx {
+  void* hctx;
+  void* heap;
+  kdzk_tmp_alloc_fn tmp_alloc;
+  kdzk_tmp_free_fn tmp_free;
+  void* dest;
+};
+
+struct kdzk_result_report {
+  uint64_t word0;
+  uint64_t* bitvec;
+  uint64_t word2;
+  uint64_t hits;
+  uint64_t words4_to_15[12];
+};
+
+struct kdzk_bv_iter {
+  const uint64_t* next;
+  int32_t nrows;
+  int32_t base;
+  uint64_t pos;
+  uint64_t bits;
+};
+
+struct kdzk_hit_range {
+  uint32_t first;
+  uint32_t last;
+};
+#define KDZK_PART_A 0x09u
+#define KDZK_PART_B 0x29u
+#define KDZK_PART_C 0x0au
+#define KDZK_PART_D 0x0cu
+#define KDZK_PART_NO_PAYLOAD 0x10u
+
+struct kdzk_partdesc {
+  uint32_t leading;
+  uint8_t flags;
+  uint8_t part_hi;
+  uint8_t part_lo;
+  uint16_t payload_size;
+  uint8_t** cursors;
+  uint8_t* const* limits;
+};
+
+struct kdzk_htdesc {
+  uint32_t leading;
+  uint32_t flags;
+  uint8_t bucket_hi;
+  uint8_t dir_hi;
+  uint8_t dir_lo;
+  uint8_t* const* tables;
+  uint8_t** cursors;
+  uint8_t* const* limits;
+  uint8_t low_bits;
+};
+
+struct kdzk_rowstore {
+  uint32_t leading;
+  uint32_t flags;
+  uint16_t ncols;
+  uint16_t width;
+  uint8_t page_hi;
+  uint8_t page_lo;
+  uint8_t* const* pairs;
+  uint8_t** pair_cursors;
+  uint8_t* const* refs;
+  uint8_t* const* offsets;
+  uint8_t** offset_cursors;
+  const uint64_t* bases;
+  uint8_t** data_cursors;
+  uint8_t* const* data_limits;
+};
+
+#ifdef __cplusplus
+#define KDZK_ASSERT_OFFSET(record, field, offset) \
+  static_assert(offsetof(record, field) == (offset), #record "." #field " is not at byte " #offset)
+#define KDZK_ASSERT_SIZE(record, size) static_assert(sizeof(record) == (size), #record " is not " #size " bytes")
+#else
+#define KDZK_ASSERT_OFFSET(record, field, offset) \
+  _Static_assert(offsetof(record, field) == (offset), #record "." #field " is not at byte " #offset)
+#define KDZK_ASSERT_SIZE(record, size) _Static_assert(sizeof(record) == (size), #record " is not " #size " bytes")
+#endif
+KDZK_ASSERT_OFFSET(kdzk_vec, data, 0);
+KDZK_ASSERT_OFFSET(kdzk_vec, lengths, 8);
+KDZK_ASSERT_OFFSET(kdzk_vec, indicators, 16);
+KDZK_ASSERT_OFFSET(kdzk_vec, enc_ctx, 24);
+KDZK_ASSERT_OFFSET(kdzk_vec, filter, 32);
+KDZK_ASSERT_OFFSET(kdzk_vec, bitvec, 40);
+KDZK_ASSERT_OFFSET(kdzk_vec, hits, 48);
+KDZK_ASSERT_OFFSET(kdzk_vec, nrows, 52);
+KDZK_ASSERT_OFFSET(kdzk_vec, decomp_size, 56);
+KDZK_ASSERT_OFFSET(kdzk_vec, decomp_slot, 64);
+KDZK_ASSERT_OFFSET(kdzk_vec, alloc_tag, 72);
+KDZK_ASSERT_OFFSET(kdzk_vec, rowbase, 80);
+KDZK_ASSERT_OFFSET(kdzk_vec, out_size, 88);
+KDZK_ASSERT_SIZE(kdzk_vec, 96);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, kind, 0);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, base, 8);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, value_len, 16);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, offsets, 24);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, dict_size, 32);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, dict_mode, 36);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, unpack_base, 40);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, unpack_width, 48);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, own_nrows, 52);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, run_offsets, 56);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, result_cb, 64);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, own_bitvec, 72);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, prefix_group, 80);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, prefix_width, 82);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, prefix_count, 84);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, bloom_paged, 88);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, bloom_mask, 92);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, page_shift, 96);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, page_mask, 100);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, ref_bits, 104);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, ref_pages, 112);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, xlate_base, 120);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, flags, 124);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, width, 128);
+KDZK_ASSERT_OFFSET(kdzk_enc_ctx, float_kind, 132);
+KDZK_ASSERT_SIZE(kdzk_enc_ctx, 136);
+KDZK_ASSERT_OFFSET(kdzk_exec, env, 0);
+KDZK_ASSERT_OFFSET(kdzk_exec, selection, 8);
+KDZK_ASSERT_OFFSET(kdzk_exec, flags, 16);
+KDZK_ASSERT_OFFSET(kdzk_exec, flags2, 17);
+KDZK_ASSERT_OFFSET(kdzk_exec, part, 20);
+KDZK_ASSERT_OFFSET(kdzk_exec, row, 24);
+KDZK_ASSERT_OFFSET(kdzk_exec, key_off, 32);
+KDZK_ASSERT_OFFSET(kdzk_exec, run.run_end, 36);
+KDZK_ASSERT_OFFSET(kdzk_exec, payload_off, 40);
+KDZK_ASSERT_OFFSET(kdzk_exec, ones_vec, 48);
+KDZK_ASSERT_OFFSET(kdzk_exec, ones_vec_size, 56);
+KDZK_ASSERT_OFFSET(kdzk_exec, start_row, 60);
+KDZK_ASSERT_OFFSET(kdzk_exec, out_flags, 64);
+KDZK_ASSERT_OFFSET(kdzk_exec, out_flags2, 65);
+KDZK_ASSERT_OFFSET(kdzk_exec, xlate_info, 72);
+KDZK_ASSERT_OFFSET(kdzk_exec, xlate_map, 80);
+KDZK_ASSERT_OFFSET(kdzk_exec, group_stride, 88);
+KDZK_ASSERT_SIZE(kdzk_exec, 96);
+KDZK_ASSERT_OFFSET(kdzk_env, hctx, 0);
+KDZK_ASSERT_OFFSET(kdzk_env, heap, 8);
+KDZK_ASSERT_OFFSET(kdzk_env, alloc, 16);
+KDZK_ASSERT_OFFSET(kdzk_env, tmp_alloc, 24);
+KDZK_ASSERT_OFFSET(kdzk_env, tmp_free, 32);
+KDZK_ASSERT_OFFSET(kdzk_env, decompress, 40);
+KDZK_ASSERT_SIZE(kdzk_env, 48);
+KDZK_ASSERT_OFFSET(kdzk_sqzb_ctx, dest, 32);
+KDZK_ASSERT_SIZE(kdzk_sqzb_ctx, 40);
+KDZK_ASSERT_OFFSET(kdzk_result_report, bitvec, 8);
+KDZK_ASSERT_OFFSET(kdzk_result_report, hits, 24);
+KDZK_ASSERT_SIZE(kdzk_result_report, 128);
+KDZK_ASSERT_OFFSET(kdzk_bv_iter, nrows, 8);
+KDZK_ASSERT_OFFSET(kdzk_bv_iter, base, 12);
+KDZK_ASSERT_OFFSET(kdzk_bv_iter, pos, 16);
+KDZK_ASSERT_OFFSET(kdzk_bv_iter, bits, 24);
+KDZK_ASSERT_SIZE(kdzk_bv_iter, 32);
+KDZK_ASSERT_SIZE(kdzk_hit_range, 8);
+KDZK_ASSERT_OFFSET(kdzk_partdesc, flags, 4);
+KDZK_ASSERT_OFFSET(kdzk_partdesc, part_hi, 5);
+KDZK_ASSERT_OFFSET(kdzk_partdesc, part_lo, 6);
+KDZK_ASSERT_OFFSET(kdzk_partdesc, payload_size, 8);
+KDZK_ASSERT_OFFSET(kdzk_partdesc, cursors, 16);
+KDZK_ASSERT_OFFSET(kdzk_partdesc, limits, 24);
+KDZK_ASSERT_SIZE(kdzk_partdesc, 32);
+KDZK_ASSERT_OFFSET(kdzk_htdesc, flags, 4);
+KDZK_ASSERT_OFFSET(kdzk_htdesc, bucket_hi, 8);
+KDZK_ASSERT_OFFSET(kdzk_htdesc, dir_hi, 9);
+KDZK_ASSERT_OFFSET(kdzk_htdesc, dir_lo, 10);
+KDZK_ASSERT_OFFSET(kdzk_htdesc, tables, 16);
+KDZK_ASSERT_OFFSET(kdzk_htdesc, cursors, 24);
+KDZK_ASSERT_OFFSET(kdzk_htdesc, limits, 32);
+KDZK_ASSERT_OFFSET(kdzk_htdesc, low_bits, 40);
+KDZK_ASSERT_SIZE(kdzk_htdesc, 48);
+KDZK_ASSERT_OFFSET(kdzk_rowstore, flags, 4);
+KDZK_ASSERT_OFFSET(kdzk_rowstore, ncols, 8);
+KDZK_ASSERT_OFFSET(kdzk_rowstore, width, 10);
+KDZK_ASSERT_OFFSET(kdzk_rowstore, page_hi, 12);
+KDZK_ASSERT_OFFSET(kdzk_rowstore, page_lo, 13);
+KDZK_ASSERT_OFFSET(kdzk_rowstore, pairs, 16);
+KDZK_ASSERT_OFFSET(kdzk_rowstore, pair_cursors, 24);
+KDZK_ASSERT_OFFSET(kdzk_rowstore, refs, 32);
+KDZK_ASSERT_OFFSET(kdzk_rowstore, offsets, 40);
+KDZK_ASSERT_OFFSET(kdzk_rowstore, offset_cursors, 48);
+KDZK_ASSERT_OFFSET(kdzk_rowstore, bases, 56);
+KDZK_ASSERT_OFFSET(kdzk_rowstore, data_cursors, 64);
+KDZK_ASSERT_OFFSET(kdzk_rowstore, data_limits, 72);
+KDZK_ASSERT_SIZE(kdzk_rowstore, 80);
+
+#ifdef __cplusplus
+#define KDZK_INLINE constexpr
+#else
+#define KDZK_INLINE static inline
+#endif
+#define KDZK_KERNEL_IDS 8192u
+#define KDZK_DISPATCH_SIZE 8256u
+#define KDZK_FAMILY_FIXED 0u
+#define KDZK_FAMILY_DICT 1u
+#define KDZK_FAMILY_DYNP 2u
+#define KDZK_FAMILY_FURTHER 3u
+#define KDZK_OP_EQ 0u
+#define KDZK_OP_LT 1u
+#define KDZK_OP_GT 2u
+#define KDZK_OP_LE 3u
+#define KDZK_OP_GE 4u
+#define KDZK_OP_NE 5u
+#define KDZK_OP_GT_LT 6u
+#define KDZK_OP_GT_LE 7u
+#define KDZK_OP_GE_LT 8u
+#define KDZK_OP_GE_LE 9u
+#define KDZK_OP_DECODE 10u
+#define KDZK_OP_DECODE_UNPACK 11u
+#define KDZK_OP_DECODE_SYMBOL 12u
+#define KDZK_OP_SET 13u
+#define KDZK_OP_BURST_RLE 14u
+#define KDZK_OP_SUM 15u
+#define KDZK_OP_DISTINCT 16u
+#define KDZK_OP_XLATE 17u
+#define KDZK_OP_ADD 19u
+#define KDZK_OP_SUB 20u
+#define KDZK_OP_MUL 21u
+#define KDZK_ROW_VARIANT 32u
+#define KDZK_ROW_DOUBLE 1u
+#define KDZK_ROW_SORTABLE_LEFT 4u
+#define KDZK_ROW_SORTABLE_RIGHT 8u
+#define KDZK_NO_ROW_OF_WIDTH 127u
+
+KDZK_INLINE uint32_t kdzk_row_of_width(uint32_t width) {
+  if (width >= 1 && width <= 20) return width - 1;
+  return width == 24 ? 20u : width == 32 ? 21u : width == 64 ? 22u : KDZK_NO_ROW_OF_WIDTH;
+}
+
+KDZK_INLINE uint32_t kdzk_id_of(uint32_t row, uint32_t column) { return row * 128u + column; }
+
+KDZK_INLINE uint8_t kdzk_kind_of(uint32_t row, uint32_t family) { return (uint8_t)(row * 4u + family); }
+
+KDZK_INLINE uint32_t kdzk_id_of_kind(uint8_t kind, uint32_t operation) { return kind * 32u + operation; }
+typedef uint64_t (*kdzk_compare_fn)(kdzk_vec* result, const kdzk_vec* input, const kdzk_kargs* arg, kdzk_exec* exec);
+typedef uint64_t (*kdzk_between_fn)(kdzk_vec* result, const kdzk_vec* input, const kdzk_kargs* low,
+                                    const kdzk_kargs* high, kdzk_exec* exec);
+typedef uint64_t (*kdzk_decode_fn)(kdzk_vec* result, const kdzk_vec* input, kdzk_exec* exec);
+typedef uint64_t (*kdzk_set_fn)(kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* table, kdzk_exec* exec);
+typedef uint64_t (*kdzk_burst_fn)(kdzk_vec* result, const kdzk_vec* src, const kdzk_result_report* report);
+typedef uint64_t (*kdzk_arithmetic_fn)(kdzk_vec* result, const kdzk_vec* left, const kdzk_vec* right, kdzk_exec* exec);
+typedef uint64_t (*kdzk_xlate_fn)(kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* table, kdzk_exec* exec);
+typedef uint64_t (*kdzk_idle_fn)(kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* second, kdzk_exec* exec);
+
+typedef union kdzk_kernel {
+  kdzk_compare_fn compare;
+  kdzk_between_fn between;
+  kdzk_decode_fn decode;
+  kdzk_set_fn set;
+  kdzk_burst_fn burst;
+  kdzk_arithmetic_fn arithmetic;
+  kdzk_xlate_fn xlate;
+  kdzk_idle_fn idle;
+  void (*any)(void);
+} kdzk_kernel;
+
+typedef uint64_t (*kdzk_hash_rows_fn)(const kdzk_vec* out, const kdzk_vec* keys, const kdzk_vec* seeds,
+                                      kdzk_hash_fn hash);
+typedef uint64_t (*kdzk_partition_fn)(const kdzk_partdesc* desc, const kdzk_vec* keys, const kdzk_vec* rows,
+                                      kdzk_hash_fn hash, kdzk_exec* exec);
+#define KDZK_HT_KEY_MODE 0x1000u
+#define KDZK_BUCKET_UNIQUE 0x40u
+#define KDZK_BUCKET_CHAINED 0x80u
+typedef uint64_t (*kdzk_ht_build_fn)(const kdzk_htdesc* desc, const kdzk_vec* keys, const kdzk_vec* rows,
+                                     int32_t partition, kdzk_hash_fn hash, kdzk_exec* exec);
+typedef uint64_t (*kdzk_ht_probe_fn)(kdzk_vec* out, const kdzk_vec* keys, const kdzk_vec* rows, const kdzk_htdesc* desc,
+                                     kdzk_hash_fn hash, kdzk_exec* exec);
+typedef uint64_t (*kdzk_gather_fn)(const kdzk_vec* out, const kdzk_vec* in, const kdzk_rowstore* row_store,
+                                   kdzk_exec* exec);
+typedef uint64_t (*kdzk_fill_pairs_fn)(const kdzk_rowstore* matrix, const kdzk_vec* col, uint32_t column, int32_t part);
+typedef uint64_t (*kdzk_pack_rows_fn)(const kdzk_rowstore* target, const kdzk_rowstore* source, int32_t target_page,
+                                      int32_t source_page, uint32_t first_row, int32_t last_row, kdzk_exec* exec);
+typedef uint64_t (*kdzk_bloom_fn)(kdzk_vec* result, const kdzk_vec* values, const kdzk_vec* filter, kdzk_exec* exec);
+
+typedef uint64_t (*kdzk_decode_sortable_fn)(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
+typedef uint64_t (*kdzk_sum_fn)(const kdzk_vec* result, const kdzk_vec* input, const kdzk_vec* groups,
+                                const void* unused);
+typedef uint64_t (*kdzk_polygon_fn)(const kdzk_vec* result, const kdzk_vec* xs, const kdzk_vec* ys, const kdzk_vec* px,
+                                    const kdzk_vec* py);
+typedef uint64_t (*kdzk_groupkey_fn)(kdzk_vec* result, uint32_t* key_count, const kdzk_vec* columns,
+                                     uint64_t column_count, const kdzk_vec* temp, const kdzk_exec* exec);
+
+#define KDZK_MAGIC UINT64_C(0xb9018218)
+#define KDZK_VERSION "19.1-1"
+#define KDZK_CONTEXT_SYMBOL "kdzk_global_specialized_ctx"
+#define KDZK_BV8_END UINT64_C(0xffffffff)
+#define KDZK_BV64_END UINT64_C(0xffffffffffffffff)
+
+typedef struct kdzk_bv_services {
+  void (*bv_count)(uint32_t* count, const void* src, uint64_t nrows);
+  void (*bv_not)(void* dst, uint32_t* count, const void* src, uint64_t nrows);
+  void (*bv_and)(void* dst, uint32_t* count, const void* a, const void* b, uint64_t nrows);
+  void (*bv_or)(void* dst, uint32_t* count, const void* a, const void* b, uint64_t nrows);
+  void (*bv_xor)(void* dst, uint32_t* count, const void* a, const void* b, uint64_t nrows);
+  void (*bv_andnot)(void* dst, uint32_t* count, const void* a, const void* b, uint64_t nrows);
+  void (*bv_and3)(void* dst, uint32_t* count, const void* a, const void* b, const void* c, uint64_t nrows);
+  void (*bv_or3)(void* dst, uint32_t* count, const void* a, const void* b, const void* c, uint64_t nrows);
+  void (*bv_xor3)(void* dst, uint32_t* count, const void* a, const void* b, const void* c, uint64_t nrows);
+  void (*set_range)(void* bits, uint64_t first, uint64_t last);
+  void (*clear_range)(void* bits, uint64_t first, uint64_t last);
+  void (*iter_init)(kdzk_bv_iter* iter, const uint64_t* words, uint32_t nrows, uint32_t invert, uint32_t start);
+  uint64_t (*next_set)(kdzk_bv_iter* iter);
+  uint64_t (*next_clear)(kdzk_bv_iter* iter);
+  uint64_t (*next_set_batch)(kdzk_bv_iter* iter, uint32_t* rows, uint32_t capacity);
+  uint64_t (*no_next)(kdzk_bv_iter* iter, uint64_t unused);
+  uint64_t (*no_batch)(kdzk_bv_iter* iter, uint32_t* rows, uint32_t capacity, uint64_t unused);
+} kdzk_bv_services;
+
+typedef struct kdzk_prefix_record {
+  const uint8_t* address;
+  uint16_t width;
+  uint16_t zero[3];
+} kdzk_prefix_record;
+typedef uint64_t (*kdzk_prefix_fn)(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
+
+typedef struct kdzk_specialized_ctx {
+  uint64_t magic;
+  const char* version;
+  uint64_t count;
+  const char* name;
+  uint64_t numbers[10];
+  const kdzk_kernel* dispatch;
+  void (*noop1[2])(void*);
+  kdzk_bv_services bv8;
+  kdzk_bv_services bv64;
+  kdzk_bloom_fn bloom_test;
+  kdzk_polygon_fn point_in_polygon;
+  kdzk_groupkey_fn groupkey_dydi;
+  kdzk_sum_fn sum_sortable;
+  kdzk_decode_sortable_fn decode_sortable;
+  kdzk_prefix_fn decode_prefix_records;
+  kdzk_hash_rows_fn hash_rows;
+  kdzk_ht_build_fn ht_build;
+  kdzk_ht_probe_fn ht_probe;
+  kdzk_partition_fn partition_rows;
+  kdzk_gather_fn ht_gather;
+  kdzk_fill_pairs_fn fill_pairs;
+  kdzk_pack_rows_fn pack_rows;
+  kdzk_decompress_fn sqzb_decode_x86;
+  uint64_t (*reserved0[2])(void);
+} kdzk_specialized_ctx;
+KDZK_ASSERT_SIZE(kdzk_prefix_record, 16);
+KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, dispatch, 14 * 8);
+KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, noop1, 15 * 8);
+KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, bv8, 17 * 8);
+KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, bv64, 34 * 8);
+KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, bloom_test, 51 * 8);
+KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, sqzb_decode_x86, 64 * 8);
+KDZK_ASSERT_SIZE(kdzk_specialized_ctx, 67 * 8);
+
+static inline const char* kdzk_name_of(const kdzk_specialized_ctx* ctx, uint32_t id) {
+  return ((const char* const*)(const void*)(ctx->dispatch + KDZK_DISPATCH_SIZE))[id];
+}
+extern const kdzk_specialized_ctx kdzk_global_specialized_ctx;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -17,6 +17,7 @@ struct Leaf {
   int element;  // bytes
   bool paged;
   int selected;  // percent of the rows, or -1 without a selection
+  bool large;    // by its mask: the hashes are such that they stay within the first 2^11 bits
 };
 
 // One filter, with pages in buffers of their own, and a column.
@@ -31,7 +32,7 @@ struct Tested {
   // Of 2^11 bits, in pages of 2^8, so many percent of them set.
   Tested(Leaf l, uint32_t n, unsigned percent, Random& random)
       : leaf(l), nrows(n), column(n * static_cast<size_t>(l.element)), page_table(8 * 8) {
-    filter_enc.bloom_mask = 0x7ff;
+    filter_enc.bloom_mask = leaf.large ? ~0u : 0x7ff;
     filter_enc.bloom_paged = leaf.paged ? 0x80 : 0;
     filter_enc.page_shift = leaf.paged ? 32 + 8 : 77;  // taken modulo 32, and not read
     filter_enc.page_mask = leaf.paged ? 0xff : 0x5;
@@ -44,7 +45,11 @@ struct Tested {
       const uint8_t* const at = pages.back()->data();
       std::memcpy(page_table.data() + page * 8, &at, 8);
     }
-    for (size_t i = 0; i < column.size(); i++) column.data()[i] = static_cast<uint8_t>(random.bits());
+    for (size_t i = 0; i < column.size(); i++) {
+      const size_t from_last = column.size() - 1 - i;
+      const int kept = !leaf.large || from_last % 4 == 0 ? 0xff : from_last % 4 == 1 ? 0x07 : 0;
+      column.data()[i] = static_cast<uint8_t>(random.bits() & kept);
+    }
     filter.enc_ctx = &filter_enc;
     filter.bitvec = reinterpret_cast<uint64_t*>(leaf.paged ? page_table.data() : pages[0]->data());
     column_enc.flags = KDZK_NUMERIC;
@@ -68,6 +73,7 @@ class Bloom : public testing::TestWithParam<Leaf> {};
 
 std::string leaf_name(const testing::TestParamInfo<Leaf>& info) {
   return std::to_string(info.param.element * 8) + "bit" + (info.param.paged ? "_paged" : "_flat") +
+         (info.param.large ? "_large" : "") +
          (info.param.selected < 0 ? "" : "_selected_" + std::to_string(info.param.selected));
 }
 
@@ -137,7 +143,9 @@ std::vector<Leaf> leaves() {
   std::vector<Leaf> all;
   for (int element : {4, 8}) {
     for (bool paged : {false, true}) {
-      for (int selected : {-1, 0, 3, 50, 100}) all.push_back({element, paged, selected});
+      for (int selected : {-1, 0, 3, 50, 100}) {
+        for (bool large : {false, true}) all.push_back({element, paged, selected, large});
+      }
     }
   }
   return all;
@@ -146,7 +154,7 @@ INSTANTIATE_TEST_SUITE_P(Leaves, Bloom, testing::ValuesIn(leaves()), leaf_name);
 
 TEST(BloomTest, RefusesAColumnThatIsNotNumeric) {
   Random random("bloom");
-  Tested t({4, false, -1}, 64, 100, random);
+  Tested t({4, false, -1, false}, 64, 100, random);
   t.column_enc.flags = ~KDZK_NUMERIC;
   GuardedBits bits(64, 0x1234);
   kdzk_hit_range range = {5, 6};
@@ -163,7 +171,7 @@ TEST(BloomTest, RefusesAColumnThatIsNotNumeric) {
 
 TEST(BloomTest, HasOneBitWithAMaskOfZero) {
   Random random("bloom");
-  Tested t({8, false, -1}, 100, 0, random);
+  Tested t({8, false, -1, false}, 100, 0, random);
   t.filter_enc.bloom_mask = 0;
   for (const uint8_t first_byte : {0xfe, 0x01}) {
     t.pages[0]->data()[0] = first_byte;

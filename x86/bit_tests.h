@@ -30,7 +30,9 @@ template <class ByteOf>
 [[gnu::always_inline]] inline __m128i collected(const ByteOf& byte_of) {
   const auto eight = [&]<int... i>(std::integer_sequence<int, i...>) {
     __m128i low = _mm_setzero_si128(), high = _mm_setzero_si128();
-    ((low = _mm_insert_epi8(low, byte_of(i), i), high = _mm_insert_epi8(high, byte_of(i + 8), i)), ...);
+    ((low = _mm_insert_epi8(low, byte_of(std::integral_constant<int, i>()), i),
+      high = _mm_insert_epi8(high, byte_of(std::integral_constant<int, i + 8>()), i)),
+     ...);
     return _mm_unpacklo_epi64(low, high);
   };
   return eight(std::make_integer_sequence<int, 8>());

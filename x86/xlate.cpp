@@ -98,7 +98,7 @@ struct Translation {
       _mm_prefetch(reinterpret_cast<const char*>(in + bytes_ahead), _MM_HINT_NTA);
       if constexpr (c2d) _mm_prefetch(reinterpret_cast<const char*>(out + bytes_ahead), _MM_HINT_NTA);
       const Elements<element> found(SixteenPlaces<element, Table>(
-          table, [in](int i) { return _mm_shuffle_epi8(load16(in + 16 * i), vector_of(turned_round)); }));
+          table, [in](int i) { return _mm_shuffle_epi8(load16(in + 16 * i), vector_of(turned_round)); }, in));
       if constexpr (c2d) found.put(out);
       hits.block(row, found.hits());
       in += 64;

@@ -21,7 +21,7 @@ struct Side {
   uint32_t nrows() const { return static_cast<uint32_t>(columns[0].size()); }
 };
 
-// Of every so many lines of a file: a code, the parity of a number or of a text's length, and a value.
+// Of every so many lines of a file: a code, the parity of a field's length, and a value.
 Side read_side(const std::string& file, size_t code, size_t parity_of, size_t value, int every) {
   std::ifstream lines(KDZK_SOURCE_DIR "/examples/data/" + file);
   Side side;
@@ -31,16 +31,21 @@ Side read_side(const std::string& file, size_t code, size_t parity_of, size_t va
     if (number % every != 0) continue;
     std::vector<std::string> fields;
     for (std::istringstream rest(line); std::getline(rest, field, ',');) fields.push_back(field);
-    const std::string& other = fields.at(parity_of);
-    const bool is_number = other.find_first_not_of("0123456789") == std::string::npos;
     side.columns[0].push_back({fields[code].begin(), fields[code].end()});
-    side.columns[1].push_back({static_cast<uint8_t>((is_number ? std::stoul(other) : other.size()) % 2)});
+    side.columns[1].push_back({static_cast<uint8_t>(fields[parity_of].size() % 2)});
     side.columns[2].push_back({fields[value].begin(), fields[value].end()});
   }
   return side;
 }
 
-const Side airports = read_side("airports.csv", 0, 1, 2, 1), flights = read_side("flights.csv", 4, 3, 5, 20);
+const Side& airports() {
+  static const Side side = read_side("airports.csv", 0, 1, 2, 1);
+  return side;
+}
+const Side& flights() {
+  static const Side side = read_side("flights.csv", 4, 3, 5, 20);
+  return side;
+}
 
 // A column or an output over somebody's memory.
 struct Column {
@@ -68,7 +73,7 @@ class Join : public testing::TestWithParam<std::tuple<bool, uint8_t, uint32_t>> 
   const bool build_flights = std::get<0>(GetParam()), a = std::get<1>(GetParam()) == KDZK_PART_A;
   const uint8_t layout = std::get<1>(GetParam());
   const uint32_t bucket_form = std::get<2>(GetParam());
-  const Side &build_side = build_flights ? flights : airports, &probe_side = build_flights ? airports : flights;
+  const Side &build_side = build_flights ? flights() : airports(), &probe_side = build_flights ? airports() : flights();
   Random random{"join"};
   uint64_t stops[10] = {};
 
@@ -95,8 +100,7 @@ class Join : public testing::TestWithParam<std::tuple<bool, uint8_t, uint32_t>> 
     return hashes;
   }
 
-  // ---- Partitions: 8 by the top 3 bits of the hash, and 8 of each by the next 3, through buffers of a few records
-  // ----
+  // ---- Partitions: 8 by the top 3 bits of the hash, and 8 of each by the next 3; buffers of a few records ----
 
   size_t record_bytes(const uint8_t* record) const { return a ? 16u : 2u + record[0] + record[1] * 256u; }
 
@@ -301,7 +305,7 @@ TEST_P(Join, GivesTheRowsOfANestedLoop) {
   }
   std::sort(joined.begin(), joined.end());
   std::sort(want.begin(), want.end());
-  EXPECT_GT(want.size(), flights.nrows() / 3);
+  EXPECT_GT(want.size(), flights().nrows() / 3);
   EXPECT_TRUE(joined == want) << joined.size() << " rows, not " << want.size();
   for (const uint64_t code : {5, 6, 7, 8, 9}) EXPECT_GT(stops[code], 5u) << code;
 }

@@ -4,9 +4,9 @@
 //
 // Data are named for the hash function and how the library gets at the hashes: by calling the host's function for each
 // key, from an array that the host's own loop fills, which counts, or by calling it for 32-bit keys that are their own
-// tags. All sides use the same function. The host hands over vectors of 4096 rows and compares the keys of candidate
-// pairs, but for those of 32-bit keys, which are no candidates. The table has a bucket of 9 entries for every 4 rows,
-// or of 6 for every 2; to clear it is part of the build.
+// tags. All sides use the same function, and call it by a pointer where the library does. The host hands over vectors
+// of 4096 rows and compares the keys of candidate pairs, but for those of 32-bit keys, which are no candidates. The
+// table has a bucket of 9 entries for every 4 rows, or of 6 for every 2; to clear it is part of the build.
 //
 // Peers: hash maps from key to row, with room reserved and in memory whose pages are there, called row by row. All
 // sides write the same pairs of rows.
@@ -186,7 +186,7 @@ void add_join(uint32_t build_rows, Way way) {
       };
       std::vector<Peer> peers;
       add(peers, "kdzk", build, probe);
-      for (const auto& [name, map] : hash_maps<Key>(build_rows)) {
+      for (const auto& [name, map] : hash_maps<Key>(build_rows, way == Way::hash_column)) {
         add(
             peers, name, [=, map = map] { map->build(sides->build.data(), build_rows); },
             [=, map = map] { sides->found = map->probe(sides->probe.data(), build_rows * 4, sides->pairs.data()); });
@@ -199,6 +199,15 @@ void add_join(uint32_t build_rows, Way way) {
 }
 
 }  // namespace
+
+template <>
+HashFunction hash_function<uint64_t>() {
+  return call_back_64;
+}
+template <>
+HashFunction hash_function<uint32_t>() {
+  return call_back_32;
+}
 
 void add_hash_table() {
   for (const uint32_t build_rows : {1u << 14, 1u << 18, 1u << 22}) {

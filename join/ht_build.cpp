@@ -38,14 +38,14 @@ inline bool insert_row(uint8_t* bucket, typename Form::Tag tag, typename Form::P
                        const Overflow& overflow, uint64_t entry) {
   uint32_t header = *bucket;
   while ((header & chained_bit) != 0) {
-    if ((header & unique_bit) != 0 && equal_tags<Form>(bucket, header, tag) != 0) {
+    if ((header & unique_bit) != 0 && entries_of<Form>(look<Form>(bucket, header, tag)) != 0) {
       *bucket = static_cast<uint8_t>(header & ~unique_bit);
     }
     bucket = load<uint8_t*>(bucket + next_at);
     header = *bucket;
   }
   const uint32_t count = header & count_bits;
-  const uint32_t repeated = equal_tags<Form>(bucket, header, tag) != 0 ? unique_bit : 0;
+  const uint32_t repeated = entries_of<Form>(look<Form>(bucket, header, tag)) != 0 ? unique_bit : 0;
   const uint32_t kept = (header & ~repeated) | (header == 0 ? opened : 0);
   if (count >= Form::capacity) {
     uint8_t* const fresh = overflow.cursors[entry];
@@ -68,9 +68,10 @@ inline bool insert_row(uint8_t* bucket, typename Form::Tag tag, typename Form::P
 template <class Form, class Hashes, class Table>
 inline bool has_room(Hashes hashes, const Table& table, uint32_t n) {
   uint32_t full = 0;
-  prefetch_first(hashes, table, n);
+  const Prefetch prefetch(hashes, table, n);
   for (uint32_t i = 0; i < n; i++) {
-    full |= (*prefetched_bucket(hashes, table, i, n) & count_bits) >= Form::capacity ? 1 : 0;
+    prefetch.before(i);
+    full |= (*table.bucket(hashes[i]) & count_bits) >= Form::capacity ? 1 : 0;
   }
   return full == 0;
 }
@@ -81,7 +82,7 @@ uint32_t insert_rows(Hashes hashes, Tags tags, Ids ids, const Table& table, cons
   const uint32_t opened = has_room<Form>(hashes, table, n) ? unique_bit : 0;
   for (uint32_t i = 0; i < n; i++) {
     const uint64_t hash = hashes[i];
-    if (!insert_row<Form>(table.bucket(hash), tags[i], ids[i], opened, overflow, table.entry(hash))) return i;
+    if (!insert_row<Form>(table.bucket(hash), tags.of(i, hash), ids[i], opened, overflow, table.entry(hash))) return i;
   }
   return n;
 }
@@ -113,8 +114,7 @@ uint64_t build_into(const Table table, const Overflow overflow, const Call& call
   while (row < nrows) {
     const uint32_t n = nrows - row < batch_rows ? nrows - row : batch_rows;
     const auto hashes = batches.hashes_of(row, n);
-    const uint32_t done =
-        insert_rows<Form>(hashes, tags_of<Form>(tags, row, hashes), ids.from(row), table, overflow, n);
+    const uint32_t done = insert_rows<Form>(hashes, tags.from(row), ids.from(row), table, overflow, n);
     if (done < n) {
       call.exec->part = part_of(table, call.desc, hashes[done]);
       call.exec->row = row + done;
@@ -156,9 +156,10 @@ uint64_t build_plain(const Call& call) {
   return first_form<Keyed16, FixedBytes, LenArray, LenPrefixed, PtrLen, Pair16, HashColumn>(
       call.keys->enc_ctx->flags, [&]<class Keys>() {
         if constexpr (std::is_same_v<Keys, Keyed16>) {
-          return build<Form, Keys>(call, TagsFromHashes{}, Column<typename Form::Payload, 16>{bytes_of(call.keys)});
+          return build<Form, Keys>(call, TagsFromHashes<Form>{},
+                                   Column<typename Form::Payload, 16>{bytes_of(call.keys)});
         } else {
-          return build_with_ids<Form, Keys>(call, TagsFromHashes{});
+          return build_with_ids<Form, Keys>(call, TagsFromHashes<Form>{});
         }
       });
 }
@@ -169,9 +170,9 @@ uint64_t build_keyed(const Call& call) {
   return first_form<Forms...>(call.keys->enc_ctx->flags, [&]<class Keys>() {
     const uint8_t* const data = bytes_of(call.keys);
     if constexpr (std::is_same_v<Keys, Keyed24>) {
-      return build<Form, Keys>(call, Column<uint32_t, 24>{data + 8}, Column<uint64_t, 24>{data + 16});
+      return build<Form, Keys>(call, TagsFromKeys<24>{{data + 8}}, Column<uint64_t, 24>{data + 16});
     } else {
-      return build_with_ids<Form, Keys>(call, Column<uint32_t>{data});
+      return build_with_ids<Form, Keys>(call, TagsFromKeys<4>{{data}});
     }
   });
 }

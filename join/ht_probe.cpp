@@ -2,21 +2,21 @@
 // The hash table's probe: for each row the entries of its chain (join/buckets.h) whose tags equal the row's, as pairs
 // of row id and payload. The table is only read.
 //
-// All hashes of a batch of up to 1024 rows are computed first (join/keys.h). Then its rows are gone through in turns:
+// All hashes of a batch of up to 1024 rows are computed first (join/keys.h). Then one loop without a branch on the data
+// goes through its rows:
 //
-//   look   every row, without a branch       which entries of its first bucket match, and whether the chain goes on
-//          |  fetches the bucket of a row further on
-//          v
-//   seen   3:.1... 4:...1. 7:.....+ ...      only rows with either are kept, in order; in most of them one entry
-//          |
-//          v
-//   pairs  (id of 3, payload) (id of 4, payload) ...      these rows' chains are followed where they go on
+//   look    which entries of the row's first bucket match, and whether the chain goes on
+//   kept    (id of 3, payload) (id of 4, payload) .......      a small array, always written behind its last pair
+//                                                 ^            move on if an entry matched, else the next row
+//   pairs   ..................... <- kept                      moves when the array is full, and at the end
 //
-// The look is the test for chains: a chain is followed only from a first bucket that has one, so that rows without one
-// never meet the pointer. A row is finished behind the first match in a bucket with the unique bit.
+// A row where more than one entry matches or the chain goes on leaves the loop: its chain is followed, and its pairs
+// are kept too if they fit. That look is the test for chains: a chain is followed only from a first bucket that has
+// one. A row is finished behind the first match in a bucket with the unique bit.
 //
-// Invariants. What isn't a pair of the table isn't written: rows are kept in an array of the turn's own. The capacity
-// is asked for before each pair. The pairs of the row where it runs out stay in memory, behind the count.
+// Invariants. What isn't a pair of the table isn't written to the output, which is why the loop has an array of its
+// own; it never keeps more than the output has room for. The pairs of the row where that runs out stay in memory,
+// behind the count.
 
 #include "frame/services.h"
 #include "join/buckets.h"
@@ -25,78 +25,92 @@
 namespace kdzk {
 namespace {
 
-// Few enough that the buckets of a turn are still in the first cache when their payloads are read.
-constexpr uint32_t turn_rows = 256;
-
-// A look at a bucket: bit j tells that entry j is there and has the tag.
-constexpr uint32_t chained = 1 << 15;  // there may be more in the next bucket
-
-template <class Form>
-inline uint32_t look(const uint8_t* bucket, typename Form::Tag tag) {
-  const uint32_t header = *bucket;
-  return equal_tags<Form>(bucket, header, tag) | (header & chained_bit) * (chained / chained_bit);
-}
+constexpr uint32_t pair_bytes = 16;
+constexpr uint32_t kept_pairs = 64;
 
 // Where the next pair goes, and the end of the room.
 struct Pairs {
   uint8_t *at, *end;
+
+  void append(const uint8_t* from, const uint8_t* behind) {
+    if (from == behind) return;  // without room there may be no memory
+    std::memcpy(at, from, static_cast<size_t>(behind - from));
+    at += behind - from;
+  }
 };
 
-template <class Form>
-inline void put_pair(const uint8_t* bucket, uint32_t matches, uint64_t id, uint8_t* pair) {
-  using Payload = typename Form::Payload;
-  const auto lowest = static_cast<uint32_t>(__builtin_ctz(matches));
-  store(pair, id);
-  store(pair + 8, uint64_t{load<Payload>(bucket + Form::payloads_at + lowest * sizeof(Payload))});
+// No pairs, with room in `memory` for as many as there is room for in `pairs`, up to kept_pairs.
+inline Pairs empty(uint8_t* memory, const Pairs& pairs) {
+  const ptrdiff_t room = pairs.end - pairs.at, most = kept_pairs * pair_bytes;
+  return {memory, memory + (room < most ? room : most)};
 }
 
-// Writes the pairs of a row, whose first bucket looks like `seen`, and returns where they end; null if they don't fit.
+inline void set_pair(uint8_t* pair, uint64_t id, uint64_t payload) {
+  store(pair, id);
+  store(pair + 8, payload);
+}
+
+// The payload of the lowest of these entries; at the end of entries, a number of no meaning from within the bucket.
 template <class Form>
-uint8_t* put_pairs(const uint8_t* bucket, typename Form::Tag tag, uint32_t seen, uint64_t id, Pairs pairs) {
+inline uint64_t payload_of(const uint8_t* bucket, uint32_t entries) {
+  using Payload = typename Form::Payload;
+  static_assert(Form::payloads_at + (Form::capacity + 1) * sizeof(Payload) <= bucket_bytes);
+  const uint64_t lowest = static_cast<uint32_t>(__builtin_ctz(entries));
+  return load<Payload>(bucket + Form::payloads_at + lowest * sizeof(Payload));
+}
+
+// Writes the pairs of a row, whose first bucket looks like `seen`. Returns where they end; null if they don't all fit.
+template <class Form>
+[[gnu::noinline]] uint8_t* put_pairs(const uint8_t* bucket, typename Form::Tag tag, uint32_t seen, uint64_t id,
+                                     Pairs pairs) {
   for (;;) {
-    for (uint32_t matches = seen & ~chained; matches != 0; matches &= matches - 1) {
+    for (uint32_t matches = entries_of<Form>(seen); matches != 0; matches &= matches - 1) {
       if (pairs.at == pairs.end) return nullptr;
-      put_pair<Form>(bucket, matches, id, pairs.at);
-      pairs.at += 16;
+      set_pair(pairs.at, id, payload_of<Form>(bucket, matches));
+      pairs.at += pair_bytes;
       if ((*bucket & unique_bit) != 0) return pairs.at;
     }
-    if ((seen & chained) == 0) return pairs.at;
+    if ((seen & goes_on) == 0) return pairs.at;
     bucket = load<const uint8_t*>(bucket + next_at);
-    seen = look<Form>(bucket, tag);
+    seen = look<Form>(bucket, *bucket, tag);
   }
 }
 
 // Looks up the rows of a batch in order, and returns how many are finished.
 template <class Form, class Hashes, class Tags, class Ids, class Table>
 uint32_t probe_rows(const Hashes hashes, const Tags tags, const Ids ids, const Table table, uint32_t n, Pairs& pairs) {
-  uint32_t seen[turn_rows];  // rows with a match or a chain: their number, and above 16 bits the look
-  Pairs room = pairs;
-  prefetch_first(hashes, table, n);
-  for (uint32_t row = 0; row < n;) {
-    uint32_t kept = 0;
-    for (const uint32_t end = n - row < turn_rows ? n : row + turn_rows; row < end; row++) {
-      const uint32_t first = look<Form>(prefetched_bucket(hashes, table, row, n), tags[row]);
-      seen[kept] = row | first << 16;
-      kept += first != 0 ? 1 : 0;
+  alignas(16) uint8_t memory[kept_pairs * pair_bytes];
+  Pairs kept = empty(memory, pairs);
+  const Prefetch prefetch(hashes, table, n);
+  for (uint32_t row = 0;; row++) {
+    uint32_t seen = 0;
+    for (; row < n; row++) {
+      prefetch.before(row);
+      const uint64_t hash = hashes[row];
+      const uint8_t* const bucket = table.bucket(hash);
+      seen = look<Form>(bucket, *bucket, tags.of(row, hash));
+      const uint32_t more = seen & (seen - 1);  // than one thing to see, which may be the end of the entries
+      if ((more & ~end_of_entries<Form>) != 0 || kept.at == kept.end) break;
+      set_pair(kept.at, ids[row], payload_of<Form>(bucket, seen));
+      kept.at += more / end_of_entries<Form> * pair_bytes;
     }
-    for (uint32_t i = 0; i < kept; i++) {
-      const uint32_t at = seen[i] & 0xffff, first = seen[i] >> 16;
-      const uint8_t* const bucket = table.bucket(hashes[at]);
-      const bool alone = (first & (first - 1)) == 0 && first != chained;  // one entry matches and no chain goes on
-      if (alone && room.at != room.end) {
-        put_pair<Form>(bucket, first, ids[at], room.at);
-        room.at += 16;
-        continue;
-      }
-      uint8_t* const behind = put_pairs<Form>(bucket, tags[at], first, ids[at], room);
-      if (behind == nullptr) {
-        pairs = room;
-        return at;
-      }
-      room.at = behind;
+    if (row == n) break;
+    const uint64_t hash = hashes[row];
+    const auto put = [&](const Pairs& to) {
+      return put_pairs<Form>(table.bucket(hash), tags.of(row, hash), seen, ids[row], to);
+    };
+    uint8_t* behind = put(kept);
+    if (behind != nullptr) {
+      kept.at = behind;
+      continue;
     }
+    pairs.append(memory, kept.at);
+    behind = put(pairs);
+    if (behind == nullptr) return row;
+    pairs.at = behind;
+    kept = empty(memory, pairs);
   }
-  pairs = room;
+  pairs.append(memory, kept.at);
   return n;
 }
 
@@ -119,7 +133,7 @@ uint64_t probe_in(const Table table, const Call& call, const Tags tags, const Id
   while (row < nrows) {
     const uint32_t n = nrows - row < batch_rows ? nrows - row : batch_rows;
     const auto hashes = batches.hashes_of(row, n);
-    const uint32_t done = probe_rows<Form>(hashes, tags_of<Form>(tags, row, hashes), ids.from(row), table, n, pairs);
+    const uint32_t done = probe_rows<Form>(hashes, tags.from(row), ids.from(row), table, n, pairs);
     row += done;
     if (done < n) {
       call.exec->row = row;
@@ -149,14 +163,14 @@ uint64_t probe(const Call& call, const Tags tags) {
 template <class Form>
 uint64_t probe_plain(const Call& call) {
   return first_form<FixedBytes, LenArray, LenPrefixed, PtrLen, Pair16, HashColumn>(
-      call.keys->enc_ctx->flags, [&]<class Keys>() { return probe<Form, Keys>(call, TagsFromHashes{}); });
+      call.keys->enc_ctx->flags, [&]<class Keys>() { return probe<Form, Keys>(call, TagsFromHashes<Form>{}); });
 }
 
 // In key mode the tag is the row's key.
 template <class Form>
 uint64_t probe_keyed(const Call& call) {
   return first_form<U32Keys>(call.keys->enc_ctx->flags, [&]<class Keys>() {
-    return probe<Form, Keys>(call, Column<uint32_t>{bytes_of(call.keys)});
+    return probe<Form, Keys>(call, TagsFromKeys<4>{{bytes_of(call.keys)}});
   });
 }
 

@@ -12,13 +12,16 @@
 namespace kdzk {
 namespace {
 
+// The form itself moves from row to row: where a value's length tells the next one's place, that is a load and an
+// addition from row to row.
 template <class Form>
-void fill_column(const Form column, uint32_t nrows, uint8_t* pair, uint64_t stride) {
-  uint64_t byte = 0;
-  for (uint64_t row = 0; row < nrows; row++, pair += stride) {
-    const Value value = column.value(row, byte);
+void fill_column(Form column, uint32_t nrows, uint8_t* pair, uint64_t stride) {
+  for (uint32_t row = 0; row < nrows; row++, pair += stride) {
+    const Value value = column.value(0, 0);
     store_pair(pair, value);
-    if constexpr (Form::streamed) byte = Form::end(byte, value);
+    uint64_t end = 0;
+    if constexpr (Form::streamed) end = Form::end(0, value);
+    column = column.from(1, end);
   }
 }
 

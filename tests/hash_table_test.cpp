@@ -9,12 +9,10 @@
 #include <cstring>
 #include <memory>
 
-#include "tests/support/host.h"
+#include "tests/support/value_columns.h"
 
 namespace kdzk_test {
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 struct Form {
   uint32_t flags, tag, payload, capacity, tags_at, payloads_at;  // sizes in bytes
@@ -29,15 +27,15 @@ constexpr uint32_t plain_forms[] = {KDZK_KEYED16, KDZK_FIXED_BYTES, KDZK_LEN_ARR
                                     KDZK_PTR_LEN, KDZK_PAIR16,      KDZK_NUMERIC};
 constexpr uint32_t keyed_forms[] = {KDZK_KEYED24, KDZK_HASH_U32};
 
+bool is_hashed(uint32_t flag) { return flag != KDZK_KEYED16 && flag != KDZK_KEYED24 && flag != KDZK_NUMERIC; }
+
 // ---- Hashes: few tags and few buckets, so that chains get long, or all of them ----
 
-uint64_t hash_mask, hash_calls;
+uint64_t hash_mask;
+size_t fixed_bytes;  // of a key in KDZK_FIXED_BYTES
 
 uint64_t masked_hash(const void* key, uint32_t length, uint64_t seed) {
-  uint64_t hash = seed + length;  // the library's seed is 0
-  for (uint32_t i = 0; i < length; i++) hash = (hash ^ static_cast<const uint8_t*>(key)[i]) * 0x9e3779b97f4a7c15;
-  hash_calls++;
-  return (hash ^ hash >> 31) * 0xd6e8feb86659fd93 & hash_mask;
+  return plain_hash(key, length, seed) & hash_mask;
 }
 
 // The fields of the hash, for tags of T bits.
@@ -76,89 +74,56 @@ std::vector<Layout> layouts(uint32_t T) {
 
 struct Row {
   Bytes key;
-  uint32_t u32;  // key mode
   uint64_t hash, id;
+  uint32_t u32() const {  // key mode
+    uint32_t key_value;
+    std::memcpy(&key_value, key.data(), 4);
+    return key_value;
+  }
 };
 
-std::vector<Row> random_rows(Random& random, uint32_t n, uint32_t flag, size_t fixed_bytes) {
+std::vector<Row> random_rows(Random& random, uint32_t n, uint32_t flag) {
   std::vector<Row> rows(n);
   for (Row& row : rows) {
-    row.u32 = static_cast<uint32_t>(random.below(100)) * 0x9e3779b1;
-    row.id = random.bits();
     row.key.resize(flag == KDZK_FIXED_BYTES ? fixed_bytes : random.below(9));
+    if (flag == KDZK_HASH_U32 || flag == KDZK_KEYED24) row.key.resize(4);
     for (uint8_t& byte : row.key) byte = static_cast<uint8_t>(random.below(random.below(3) == 0 ? 256 : 4));
-    if (flag == KDZK_HASH_U32 || flag == KDZK_KEYED24) {
-      row.key.resize(4);
-      std::memcpy(row.key.data(), &row.u32, 4);
-    }
     row.hash = masked_hash(row.key.data(), static_cast<uint32_t>(row.key.size()), 0);
+    row.id = random.bits();
   }
   return rows;
 }
 
-template <class T>
-void append(Bytes& to, T value) {
-  const auto* const bytes = reinterpret_cast<const uint8_t*>(&value);
-  to.insert(to.end(), bytes, bytes + sizeof value);
-}
-
 // The keys of rows in a form, and their ids. The flags of forms that come later in the order may be set too.
 struct Columns {
-  kdzk_enc_ctx key_enc{}, id_enc{};
-  kdzk_vec keys{}, ids{};
-  std::vector<uint64_t> starts;  // of each row in the data
-  std::vector<std::unique_ptr<GuardedBuffer>> buffers;
+  std::unique_ptr<ValueColumn> keys, ids;
 
-  Columns(Random& random, std::vector<Row>& rows, uint32_t flag, size_t fixed_bytes, uint32_t id_bytes) {
-    const bool implicit = random.below(2) == 0, records = flag == KDZK_KEYED16 || flag == KDZK_KEYED24;
-    if (implicit && !records) {
-      ids.rowbase = random.bits() | 0xfffffff0;
-      id_enc.flags = KDZK_IMPLICIT_IDS;
-      for (size_t i = 0; i < rows.size(); i++) rows[i].id = ids.rowbase + i;
+  Columns(Random& random, std::vector<Row>& rows, uint32_t flag, uint32_t id_bytes) {
+    const bool records = flag == KDZK_KEYED16 || flag == KDZK_KEYED24, implicit = random.below(2) == 0 && !records;
+    const uint64_t rowbase = random.bits() | 0xfffffff0;
+    std::vector<Bytes> values, id_values;
+    for (size_t i = 0; i < rows.size(); i++) {
+      if (implicit) rows[i].id = rowbase + i;
+      append(id_values.emplace_back(), rows[i].id), id_values[i].resize(id_bytes);
+      Bytes& value = values.emplace_back(is_hashed(flag) ? rows[i].key : Bytes());
+      if (flag == KDZK_KEYED16) append(value, rows[i].id);
+      if (!is_hashed(flag)) append(value, rows[i].hash);
+      if (flag == KDZK_KEYED24) append(value, rows[i].u32() | random.bits() << 32), append(value, rows[i].id);
     }
-    Bytes data, lengths, id_data, values;
-    for (const Row& row : rows) values.insert(values.begin(), row.key.begin(), row.key.end());
-    const uint8_t* last_key = guarded(values) + values.size();  // the values that are pointed to, last row first
-    for (const Row& row : rows) {
-      starts.push_back(data.size());
-      const auto length = static_cast<uint16_t>(row.key.size());
-      append(lengths, length);
-      if (flag == KDZK_KEYED16) append(data, row.id);
-      if (flag == KDZK_KEYED16 || flag == KDZK_KEYED24 || flag == KDZK_NUMERIC) append(data, row.hash);
-      if (flag == KDZK_KEYED24) append(data, uint64_t{row.u32} | random.bits() << 32), append(data, row.id);
-      if (flag == KDZK_PAIR16) append(data, uint64_t{length} | random.bits() << 16);
-      if (flag == KDZK_PTR_LEN || flag == KDZK_PAIR16) append(data, last_key -= length);
-      if (flag == KDZK_LEN_PREFIXED) append(data, length);
-      if (flag == KDZK_FIXED_BYTES || flag == KDZK_LEN_ARRAY || flag == KDZK_LEN_PREFIXED || flag == KDZK_HASH_U32) {
-        data.insert(data.end(), row.key.begin(), row.key.end());
-      }
-      append(id_data, row.id);
-      id_data.resize(starts.size() * id_bytes);
-    }
-    starts.push_back(data.size());
-    keys.data = guarded(data);
-    keys.lengths = flag == KDZK_LEN_ARRAY || flag == KDZK_PTR_LEN ? guarded(lengths) : nullptr;
-    keys.nrows = static_cast<uint32_t>(rows.size());
-    keys.enc_ctx = &key_enc;
-    key_enc.flags = flag;
-    key_enc.width = static_cast<uint8_t>(fixed_bytes * 8 + random.below(8));
-    ids.enc_ctx = &id_enc;
-    ids.data = id_enc.flags == 0 && !records ? guarded(id_data) : nullptr;
+    keys = std::make_unique<ValueColumn>(is_hashed(flag) ? flag : KDZK_NUMERIC, values, random);
+    keys->enc.flags = flag;
     bool later = false;
     for (const uint32_t other : plain_forms) {
-      if (later && random.below(2) == 0) key_enc.flags |= other;
+      if (later && random.below(2) == 0) keys->enc.flags |= other;
       later |= other == flag;
     }
-    if (flag == KDZK_KEYED24 && random.below(2) == 0) key_enc.flags |= KDZK_HASH_U32;
-  }
-  uint8_t* guarded(const Bytes& bytes) {
-    buffers.push_back(std::make_unique<GuardedBuffer>(bytes, 0));
-    return buffers.back()->data();
+    if (flag == KDZK_KEYED24 && random.below(2) == 0) keys->enc.flags |= KDZK_HASH_U32;
+    ids = std::make_unique<ValueColumn>(id_bytes == 4 ? KDZK_HASH_U32 : KDZK_NUMERIC, id_values, random);
+    ids->enc.flags = implicit ? KDZK_IMPLICIT_IDS : 0;
+    ids->vec.rowbase = rowbase;
+    if (implicit || records) ids->vec.data = nullptr;
   }
 };
-
-bool keeps_key_off(uint32_t flag) { return flag == KDZK_LEN_ARRAY || flag == KDZK_LEN_PREFIXED; }
-bool is_hashed(uint32_t flag) { return flag != KDZK_KEYED16 && flag != KDZK_KEYED24 && flag != KDZK_NUMERIC; }
 
 // ---- The table: the library's memory and, of the same bytes, the model's, which holds the same addresses ----
 
@@ -211,7 +176,7 @@ class Table {
 
   uint8_t* first_bucket(uint64_t hash) { return model(tables[layout.entry(hash)] + layout.bucket(hash, T) * 64); }
   uint8_t* next(const uint8_t* bucket) { return model(*reinterpret_cast<uint8_t* const*>(bucket + 56)); }
-  uint64_t tag(const Row& row) const { return flags & 0x1000 ? row.u32 : row.hash & ((uint64_t{1} << T) - 1); }
+  uint64_t tag(const Row& row) const { return flags & 0x1000 ? row.u32() : row.hash & ((uint64_t{1} << T) - 1); }
   uint64_t tag_at(const uint8_t* bucket, uint32_t j) const {
     return number(bucket + form.tags_at + j * form.tag, form.tag);
   }
@@ -328,20 +293,20 @@ void expect_exec(const kdzk_exec& got, kdzk_exec before, uint32_t row, uint64_t 
 }
 
 // Inserts rows as one vector, with as many calls as it takes.
-void build(Random& random, Table& table, std::vector<Row> rows, uint32_t flag, size_t fixed_bytes) {
-  Columns columns(random, rows, flag, fixed_bytes, table.form.payload);
+void build(Random& random, Table& table, std::vector<Row> rows, uint32_t flag) {
+  Columns columns(random, rows, flag, table.form.payload);
   kdzk_exec exec = fresh_exec();
   for (bool done = false; !done;) {
     const kdzk_exec before = exec;
     const uint32_t stop = table.build(rows, exec.row);
     done = stop == rows.size();
     hash_calls = 0;
-    const uint64_t code = library().ht_build(&table.desc, &columns.keys, &columns.ids, table.layout.partition,
+    const uint64_t code = library().ht_build(&table.desc, &columns.keys->vec, &columns.ids->vec, table.layout.partition,
                                              is_hashed(flag) ? masked_hash : nullptr, &exec);
     ASSERT_EQ(code, done ? KDZK_DONE : KDZK_OVERFLOW_FULL);
     EXPECT_EQ(hash_calls, is_hashed(flag) ? table.hashed : 0);
     table.hashed = 0;
-    expect_exec(exec, before, stop, keeps_key_off(flag) ? columns.starts[stop] : 0,
+    expect_exec(exec, before, stop, columns.keys->positions()[stop],
                 done ? before.part : table.layout.part(rows[stop].hash));
     ASSERT_TRUE(table.agrees());
     if (!done) table.give_room(table.layout.entry(rows[stop].hash), 1 + random.below(8));
@@ -349,14 +314,16 @@ void build(Random& random, Table& table, std::vector<Row> rows, uint32_t flag, s
   }
   exec.row += static_cast<uint32_t>(random.below(3));  // at or behind the end: nothing happens
   const kdzk_exec before = exec;
-  ASSERT_EQ(library().ht_build(&table.desc, &columns.keys, &columns.ids, table.layout.partition, nullptr, &exec), 0u);
-  expect_exec(exec, before, columns.keys.nrows, before.key_off, before.part);
+  ASSERT_EQ(
+      library().ht_build(&table.desc, &columns.keys->vec, &columns.ids->vec, table.layout.partition, nullptr, &exec),
+      0u);
+  expect_exec(exec, before, columns.keys->vec.nrows, before.key_off, before.part);
 }
 
 // Looks rows up as one vector, with room for so many pairs in each call and more where a row needs it.
-void probe(Random& random, Table& table, std::vector<Row> rows, uint32_t flag, size_t fixed_bytes, uint32_t most) {
-  Columns columns(random, rows, flag, fixed_bytes, table.form.payload);
-  if (columns.ids.data != nullptr && table.form.payload == 4) {
+void probe(Random& random, Table& table, std::vector<Row> rows, uint32_t flag, uint32_t most) {
+  Columns columns(random, rows, flag, table.form.payload);
+  if (columns.ids->vec.data != nullptr && table.form.payload == 4) {
     for (Row& row : rows) row.id &= 0xffffffff;
   }
   kdzk_exec exec = fresh_exec();
@@ -371,13 +338,13 @@ void probe(Random& random, Table& table, std::vector<Row> rows, uint32_t flag, s
     result.data = out.data();
     result.nrows = capacity;
     hash_calls = 0;
-    const uint64_t code = library().ht_probe(&result, &columns.keys, &columns.ids, &table.desc,
+    const uint64_t code = library().ht_probe(&result, &columns.keys->vec, &columns.ids->vec, &table.desc,
                                              is_hashed(flag) ? masked_hash : nullptr, &exec);
     ASSERT_EQ(code, done ? KDZK_DONE : KDZK_PAIRS_FULL);
     EXPECT_EQ(result.nrows, pairs);
     EXPECT_EQ(hash_calls, is_hashed(flag) ? table.hashed : 0);
     table.hashed = 0;
-    expect_exec(exec, before, stop, keeps_key_off(flag) ? columns.starts[stop] : 0, before.part);
+    expect_exec(exec, before, stop, columns.keys->positions()[stop], before.part);
     ASSERT_EQ(std::memcmp(out.data(), want.data(), out.size()), 0);
     if (pairs == 0) most = most * 2 + 1;
     if (testing::Test::HasFailure()) return;
@@ -386,9 +353,9 @@ void probe(Random& random, Table& table, std::vector<Row> rows, uint32_t flag, s
   result.nrows = 5;
   exec.row += static_cast<uint32_t>(random.below(3));
   const kdzk_exec before = exec;
-  ASSERT_EQ(library().ht_probe(&result, &columns.keys, &columns.ids, &table.desc, nullptr, &exec), 0u);
+  ASSERT_EQ(library().ht_probe(&result, &columns.keys->vec, &columns.ids->vec, &table.desc, nullptr, &exec), 0u);
   EXPECT_EQ(result.nrows, 0u);
-  expect_exec(exec, before, columns.keys.nrows, before.key_off, before.part);
+  expect_exec(exec, before, columns.keys->vec.nrows, before.key_off, before.part);
 }
 
 class HashTable : public testing::TestWithParam<std::pair<uint32_t, uint32_t>> {};
@@ -409,19 +376,19 @@ TEST_P(HashTable, AgreesWithTheModel) {
       SCOPED_TRACE(what);
       now_running("hash table, " + what);
       hash_mask = layout.mask;
+      fixed_bytes = random.below(32);
       Table table(flags, layout, 3 * vector_rows);
-      const size_t fixed_bytes = key_form == KDZK_FIXED_BYTES ? random.below(32) : 0;
       std::vector<Row> looked_up;
       for (int vector = 0; vector < 3; vector++) {
-        const auto rows = random_rows(random, vector_rows - static_cast<uint32_t>(random.below(vector_rows / 3 + 1)),
-                                      key_form, fixed_bytes);
-        build(random, table, rows, key_form, fixed_bytes);
+        const auto rows =
+            random_rows(random, vector_rows - static_cast<uint32_t>(random.below(vector_rows / 3 + 1)), key_form);
+        build(random, table, rows, key_form);
         for (const Row& row : rows) {
           if (random.below(6) == 0) looked_up.push_back(row);
         }
         if (HasFailure()) return;
       }
-      const auto others = random_rows(random, vector_rows / 2, key_form, fixed_bytes);
+      const auto others = random_rows(random, vector_rows / 2, key_form);
       looked_up.insert(looked_up.end(), others.begin(), others.end());
       if (table.layout.partition > 0) {  // the probe has no such argument: the host moves the entry to the front
         table.tables[0] = table.tables[1];
@@ -434,8 +401,7 @@ TEST_P(HashTable, AgreesWithTheModel) {
       for (const uint32_t most : {3u, 1000u, 30000u}) {
         const size_t n = std::min<size_t>(looked_up.size(), most * 50);
         if (!HasFailure())
-          probe(random, table, {looked_up.end() - static_cast<long>(n), looked_up.end()}, probe_form, fixed_bytes,
-                most);
+          probe(random, table, {looked_up.end() - static_cast<long>(n), looked_up.end()}, probe_form, most);
       }
       table.protect(PROT_READ | PROT_WRITE);
       ASSERT_TRUE(table.agrees());
@@ -498,8 +464,8 @@ TEST(HashTableHeaders, AreAsTold) {
   table.give_room(0, 3);
   const auto insert = [&](std::vector<uint64_t> hashes) {
     std::vector<Row> rows;
-    for (const uint64_t hash : hashes) rows.push_back({{}, 0, hash, 1});
-    build(random, table, rows, KDZK_NUMERIC, 0);
+    for (const uint64_t hash : hashes) rows.push_back({{}, hash, 1});
+    build(random, table, rows, KDZK_NUMERIC);
   };
   const auto header = [&](uint64_t bucket) { return int{table.tables[0][bucket * 64]}; };
   insert({0x00001, 0x10001, 0x10001, 0x10002});
@@ -515,14 +481,14 @@ TEST(HashTableHeaders, AreAsTold) {
 
   // A bucket that has the unique bit though a tag occurs twice: the probe takes the header's word for it.
   table.tables[0][64] = 0x43;
-  std::vector<Row> row = {{{}, 0, 0x10001, 1}};
-  Columns columns(random, row, KDZK_NUMERIC, 0, 4);
+  std::vector<Row> row = {{{}, 0x10001, 1}};
+  Columns columns(random, row, KDZK_NUMERIC, 4);
   uint64_t pairs[4];
   kdzk_vec out{};
   out.data = pairs;
   out.nrows = 2;
   kdzk_exec exec = fresh_exec();
-  EXPECT_EQ(library().ht_probe(&out, &columns.keys, &columns.ids, &table.desc, nullptr, &exec), KDZK_DONE);
+  EXPECT_EQ(library().ht_probe(&out, &columns.keys->vec, &columns.ids->vec, &table.desc, nullptr, &exec), KDZK_DONE);
   EXPECT_EQ(out.nrows, 1u);
 }
 

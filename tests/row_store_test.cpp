@@ -8,12 +8,10 @@
 #include <cstring>
 #include <deque>
 
-#include "tests/support/host.h"
+#include "tests/support/value_columns.h"
 
 namespace kdzk_test {
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 template <class T>
 T get(const uint8_t* at) {
@@ -36,14 +34,12 @@ Bytes random_bytes(size_t n, Random& random) {
   return bytes;
 }
 
-Bytes bytes_in(const GuardedBuffer& buffer) { return {buffer.data(), buffer.data() + buffer.size()}; }
-
 // Memory that a call writes, which ends where the next access faults, and what the model makes of it.
 struct Written {
   GuardedBuffer real;
   Bytes model;
-  Written(size_t n, Random& random) : real(random_bytes(n, random), 0), model(bytes_in(real)) {}
-  bool agrees() const { return bytes_in(real) == model; }
+  Written(size_t n, Random& random) : real(random_bytes(n, random), 0), model(real.data(), real.data() + n) {}
+  bool agrees() const { return std::memcmp(real.data(), model.data(), model.size()) == 0; }
 };
 
 uint64_t low(uint64_t bits) { return bits >= 64 ? ~uint64_t{0} : (uint64_t{1} << bits) - 1; }
@@ -211,9 +207,7 @@ class Gather : public testing::TestWithParam<Leaf> {
   }
 
   // Calls until all rows from `row` on are done, with `room` bytes of output each time; every call is compared.
-  // Returns the bytes that the calls wrote, one behind the other.
-  Bytes gather_by(uint64_t room, uint32_t row, const std::string& what) {
-    Bytes all;
+  void gather_by(uint64_t room, uint32_t row, const std::string& what) {
     const bool by_index = leaf.out_form == KDZK_REF_WORDS;
     Written data(by_index ? size_t{in.nrows} * 8 : room, random), lengths(size_t{in.nrows} * 2, random);
     out.data = data.real.data();
@@ -227,11 +221,9 @@ class Gather : public testing::TestWithParam<Leaf> {
       EXPECT_EQ(code, want) << what;
       EXPECT_EQ(exec.row, row) << what;
       EXPECT_TRUE(data.agrees() && lengths.agrees()) << what << ", rows " << before << " to " << row;
-      all.insert(all.end(), data.model.begin(), data.model.end());
       if (want == 0 || row == before || HasFailure()) break;
     }
     EXPECT_EQ(std::memcmp(&in, &in_before, sizeof in) | std::memcmp(&out, &out_before, sizeof out), 0);
-    return all;
   }
 };
 
@@ -378,53 +370,38 @@ INSTANTIATE_TEST_SUITE_P(All, GatherChoice, testing::Values(Leaf{32, u64, KDZK_L
 TEST(PairMatrix, HoldsThePairsOfEachColumn) {
   Random random("pair_matrix");
   const uint32_t forms[] = {KDZK_FIXED_BYTES, KDZK_LEN_ARRAY, KDZK_LEN_PREFIXED, KDZK_PTR_LEN, KDZK_PAIR16};
-  for (size_t form = 0; form < 5; form++) {
+  for (const uint32_t form : forms) {
     for (const uint32_t rows : {0u, 1u, 6u, 7u, 8u, 100u, 1000u}) {
       for (const uint16_t ncols : {1, 2, 7}) {
         const auto column = static_cast<uint32_t>(random.below(ncols));
-        const auto width = static_cast<uint8_t>(random.bits());
-        Bytes data, lengths;
-        std::vector<std::pair<uint16_t, uint64_t>> want;  // with distances from the data, but of PTR_LEN and PAIR16
-        for (uint32_t row = 0; row < rows; row++) {
-          const auto length = static_cast<uint16_t>(form == 0 ? width / 8 : random_length(random));
-          const uint64_t address = random.bits();
-          want.push_back({length, form >= 3 ? address : data.size() + (form == 2 ? 2 : 0)});
-          lengths.insert(lengths.end(), {static_cast<uint8_t>(length), static_cast<uint8_t>(length >> 8)});
-          if (form == 2) data.insert(data.end(), lengths.end() - 2, lengths.end());
-          Bytes stored = random_bytes(form < 3 ? length : form == 3 ? 8 : 16, random);
-          if (form >= 3) put(&stored[stored.size() - 8], address);
-          if (form == 4) put(&stored[0], length);
-          data.insert(data.end(), stored.begin(), stored.end());
-        }
-        GuardedBuffer stored(data), stored_lengths(lengths);
-        kdzk_enc_ctx enc{};
-        for (size_t later = form; later < 5; later++) enc.flags |= forms[later];
-        enc.width = width;
-        kdzk_vec col{};
-        col.data = stored.data();
-        col.lengths = stored_lengths.data();
-        col.enc_ctx = &enc;
-        col.nrows = rows;
+        const std::vector<Bytes> values = random_values(form, rows, static_cast<uint32_t>(random.below(32)), random);
+        ValueColumn col(form, values, random);
+        for (const uint32_t later : forms) col.enc.flags |= later > form ? later : 0;
         Written matrix(size_t{rows} * ncols * 16, random);
         uint8_t* cursors[] = {nullptr, matrix.real.data()};
         kdzk_rowstore store{};
         store.flags = 32 | static_cast<uint32_t>(random.bits());
         store.ncols = ncols;
         store.pair_cursors = cursors;
-        EXPECT_EQ(library().fill_pairs(&store, &col, column | 0xabcd0000, 1), KDZK_DONE);
-        const uint64_t base = form >= 3 ? 0 : reinterpret_cast<uint64_t>(stored.data());
+        EXPECT_EQ(library().fill_pairs(&store, &col.vec, column | 0xabcd0000, 1), KDZK_DONE);
+        const auto* data = static_cast<const uint8_t*>(col.vec.data);
         for (size_t row = 0; row < rows; row++) {
-          put(&matrix.model[16 * (row * ncols + column)], want[row].first);
-          put(&matrix.model[16 * (row * ncols + column) + 8], base + want[row].second);
+          uint8_t* const pair = &matrix.model[16 * (row * ncols + column)];
+          const uint64_t length = values[row].size(),
+                         start = form == KDZK_FIXED_BYTES ? row * length : col.positions()[row];
+          put(pair, static_cast<uint16_t>(length));
+          put(pair + 8, form == KDZK_PTR_LEN  ? get<const uint8_t*>(data + row * 8)
+                        : form == KDZK_PAIR16 ? get<const uint8_t*>(data + row * 16 + 8)
+                                              : data + start + (form == KDZK_LEN_PREFIXED ? 2 : 0));
         }
         ASSERT_TRUE(matrix.agrees()) << "form " << form << ", " << rows << " rows, column " << column << " of "
                                      << ncols;
         EXPECT_EQ(cursors[1], matrix.real.data());
-        enc.flags = ~uint32_t{0xf800};
-        EXPECT_EQ(library().fill_pairs(&store, &col, column, 1), KDZK_UNSUPPORTED);
-        enc.flags = forms[form];
+        col.enc.flags = ~uint32_t{0xf800};
+        EXPECT_EQ(library().fill_pairs(&store, &col.vec, column, 1), KDZK_UNSUPPORTED);
+        col.enc.flags = form;
         store.flags = ~32u;
-        EXPECT_EQ(library().fill_pairs(&store, &col, column, 1), KDZK_UNSUPPORTED);
+        EXPECT_EQ(library().fill_pairs(&store, &col.vec, column, 1), KDZK_UNSUPPORTED);
         EXPECT_TRUE(matrix.agrees());
       }
     }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Hash maps from the keys of a build side to its row numbers, which the hash table is measured against; and the hash
-// functions of all sides.
+// functions of all sides, inline and behind pointers.
 #ifndef BENCH_PEERS_HASH_MAP_PEERS_H
 #define BENCH_PEERS_HASH_MAP_PEERS_H
 
@@ -29,6 +29,11 @@ inline constexpr char hash_of_64_bits[] = "multiply_shift";
 inline uint64_t hash_of(uint64_t key) { return multiply_shift(key); }
 #endif
 inline uint64_t hash_of(uint32_t key) { return multiply_shift(key); }
+
+// Of the shape of the host's function, which is all that a library that doesn't know the keys can call.
+using HashFunction = uint64_t (*)(const void* key, uint32_t length, uint64_t seed);
+template <class Key>
+HashFunction hash_function();
 
 // A row of the probe side and the one of the build side that has its key.
 struct RowPair {
@@ -65,9 +70,9 @@ class HashMap {
   virtual uint64_t probe(const Key* keys, uint32_t n, RowPair* pairs) const = 0;
 };
 
-// Those that this build knows, by name.
+// Those that this build knows, by name. They hash inline, or by a call of hash_function<Key>().
 template <class Key>
-std::vector<std::pair<std::string, std::shared_ptr<HashMap<Key>>>> hash_maps(uint32_t build_rows);
+std::vector<std::pair<std::string, std::shared_ptr<HashMap<Key>>>> hash_maps(uint32_t build_rows, bool inlined);
 
 }  // namespace kdzk_bench
 

@@ -303,6 +303,24 @@ void bits_are_words() {
   }
 }
 
+// Of a column without NULLs, which is all that is asked for; of runs it is for runs.
+void filters_are_full() {
+  { const Column first({.form = KDZK_VERIFY_CODES, .width = 3}); }
+  guard_malloc(true);
+  bool any = false;
+  for (const auto& column : columns_of(predicate_forms)) {
+    const uint64_t* const filter = column->vec().filter;
+    if (filter == nullptr) continue;
+    any = true;
+    const uint32_t rows = column->wanted().form == KDZK_VERIFY_RUNS ? column->enc().own_nrows : column->nrows();
+    touch(filter, 0, 8 * words_of(rows), "the whole words of the filter", column->name());
+    for (uint32_t r = 0; r < rows; r++) {
+      if (!bit_of(filter, r)) broken("the filter of %s leaves out row %u", column->name().c_str(), r);
+    }
+  }
+  if (!any) remark("(the engine sets none)");
+}
+
 void result_cb_expands() {
   for (const auto& column : columns_of({KDZK_VERIFY_RUNS})) {
     if (blocked(*column)) continue;
@@ -522,6 +540,10 @@ Rules column_rules() {
        {}},
       {"bitvec", "give bit vectors whole 64-bit words, row r at bit r % 64 of word r / 64", bits_are_words, {}},
       {"runs", "let own_nrows, unpack_base, unpack_width and run_offsets tell the runs, in row order", runs_add_up, {}},
+      {"filter",
+       "set kdzk_vec.filter to null or to whole words, with the rows that aren't NULL",
+       filters_are_full,
+       {"runs"}},
       {"run-bits", "give own_bitvec (own_nrows + 63) / 64 words", run_bits_are_words, {"runs"}},
       {"block",
        "set decomp_size to the bytes that data decompresses to, and the word at decomp_slot to null",
@@ -535,7 +557,7 @@ Rules column_rules() {
        "call the burst_rle kernel of the column's run lengths, with the arguments that result_cb got, and "
        "return what it returns",
        result_cb_expands,
-       {"kind", "flags", "width", "runs", "run-bits", "padding"}},
+       {"kind", "flags", "width", "runs", "run-bits", "filter", "padding"}},
       {"not-shared", "give every column its own decomp_slot and own_bitvec", nothing_is_shared, {}},
       {"decompress",
        "return 0 and *written for a whole block, and anything else, with nothing behind the room, if not",
@@ -544,8 +566,8 @@ Rules column_rules() {
       {"copy",
        "hand env, decomp_slot and alloc_tag on as they are",
        copies_are_kept,
-       {"block", "decompress", "kind", "flags", "width", "alloc-alignment", "alloc-size", "alloc-padding",
-        "not-shared"}},
+       {"block", "decompress", "kind", "flags", "width", "alloc-alignment", "alloc-size", "alloc-padding", "not-shared",
+        "filter"}},
       {"copy-balance",
        "give the copy at decomp_slot back once when the column ends",
        copies_are_balanced,

@@ -19,17 +19,10 @@ kdzk_kernel kernel_of(uint8_t kind, uint32_t operation, bool variant) {
 
 bool qualifies(uint32_t operation, uint64_t value, uint64_t low, uint64_t high, bool null_at_0) {
   if (null_at_0 && value == 0) return false;
-  const bool results[] = {value == low,
-                          value<low, value>
-                              low,
-                          value <= low,
-                          value >= low,
-                          value != low,
-                          low < value && value < high,
-                          low < value && value <= high,
-                          low <= value && value < high,
-                          low <= value && value <= high};
-  return results[operation];
+  const bool above = value > low, from = value >= low, below = value < high, to = value <= high;
+  const bool holds[] = {value == low, !from,          above,       !above,        from,
+                        value != low, above && below, above && to, from && below, from && to};
+  return holds[operation];
 }
 
 namespace {
@@ -658,7 +651,7 @@ void stores() {
 }
 
 void blooms() {
-  const auto column = column_of(small_codes);
+  const auto column = column_of({.form = KDZK_VERIFY_FIXED, .width = 32, .value_bytes = 4});
   kdzk_enc_ctx enc{};
   kdzk_host_bloom_shape(&enc, kdzk_host_bloom_mask(column->nrows(), 8), 0);
   std::vector<uint64_t> words(kdzk_host_bloom_bytes(&enc) / 8);

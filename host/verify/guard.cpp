@@ -12,6 +12,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -25,7 +26,7 @@ struct Piece {
   size_t size;
 };
 
-constexpr size_t page = 4096, range_size = size_t{1} << 34, most_pieces = 1 << 16;
+constexpr size_t page = 4096, range_size = size_t{1} << 34, most_pieces = 1 << 14;  // two mappings each
 uint8_t* range = nullptr;
 size_t taken = 0, count = 0;
 Piece pieces[most_pieces];
@@ -76,7 +77,7 @@ void* __libc_realloc(void* data, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
 void __libc_free(void* data);
 
-static void* take(size_t size, size_t alignment) {
+static void* take_alone(size_t size, size_t alignment) {
   alignment = std::max(alignment, size_t{16});
   const size_t inside = (size + alignment + page) / page * page, all = inside + page;
   if (inside < size || all > range_size - taken || count == most_pieces) return nullptr;
@@ -88,12 +89,25 @@ static void* take(size_t size, size_t alignment) {
   return data;
 }
 
-KDZK_WEAK void* malloc(size_t size) noexcept { return guarding ? take(size, 16) : __libc_malloc(size); }
+static void* take(size_t size, size_t alignment) {
+  static std::atomic_flag busy = ATOMIC_FLAG_INIT;
+  while (busy.test_and_set(std::memory_order_acquire)) {
+  }
+  void* const data = take_alone(size, alignment);
+  busy.clear(std::memory_order_release);
+  return data;
+}
+
+// Where there is no room for more guarded pieces, the C library's have to do.
+KDZK_WEAK void* malloc(size_t size) noexcept {
+  void* const data = guarding ? take(size, 16) : nullptr;
+  return data != nullptr ? data : __libc_malloc(size);
+}
 
 KDZK_WEAK void* calloc(size_t count, size_t size) noexcept {
-  if (!guarding) return __libc_calloc(count, size);
   size_t bytes;
-  return __builtin_mul_overflow(count, size, &bytes) ? nullptr : take(bytes, 16);  // fresh pages are zero
+  void* const data = guarding && !__builtin_mul_overflow(count, size, &bytes) ? take(bytes, 16) : nullptr;
+  return data != nullptr ? data : __libc_calloc(count, size);  // fresh pages are zero
 }
 
 KDZK_WEAK void* realloc(void* data, size_t size) noexcept {
@@ -109,7 +123,8 @@ KDZK_WEAK void* realloc(void* data, size_t size) noexcept {
 }
 
 KDZK_WEAK void* memalign(size_t alignment, size_t size) noexcept {
-  return guarding ? take(size, alignment) : __libc_memalign(alignment, size);
+  void* const data = guarding ? take(size, alignment) : nullptr;
+  return data != nullptr ? data : __libc_memalign(alignment, size);
 }
 
 KDZK_WEAK void* aligned_alloc(size_t alignment, size_t size) noexcept { return memalign(alignment, size); }

@@ -154,6 +154,14 @@ SPOIL(spoil_run_bits) {
   if (column->bits != NULL && request->form == KDZK_VERIFY_RUNS)
     column->enc.own_bitvec = bytes_of_bits(column->bits, column->enc.own_nrows);
 }
+SPOIL(spoil_filter) { /* all rows but one */
+  UNUSED;
+  if (request->form != KDZK_VERIFY_DYNP) return;
+  uint64_t* const filter = new_bits(request->nrows);
+  memset(filter, 0xff, kdzk_host_bitvec_bytes(request->nrows));
+  filter[0] &= ~(UINT64_C(1) << 17);
+  column->vec.filter = filter;
+}
 SPOIL(spoil_sharing) {
   static uint64_t shared[4096];
   UNUSED;
@@ -241,6 +249,7 @@ static const struct {
     {"dictionary", NULL, spoil_dictionary},
     {"bitvec", NULL, spoil_bits},
     {"runs", NULL, spoil_runs},
+    {"filter", NULL, spoil_filter},
     {"run-bits", NULL, spoil_run_bits},
     {"block", NULL, spoil_decomp_size},
     {"padding", NULL, spoil_padding},

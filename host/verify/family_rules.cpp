@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Each family of kernels and services on the engine's own columns, against plain loops over what these were made of.
-// The records hold when this comes, so that a difference is the library's, or in a field that no rule looks at.
+// The families of kernels and services, each once on the engine's own columns, against plain loops over what these were
+// made of. The records hold when this comes, so that a difference is the library's, or in a field that no rule looks
+// at. Here are those that decode, translate and calculate.
 
 #include <algorithm>
 #include <cstdio>
@@ -10,85 +11,16 @@
 
 namespace kdzk_verify {
 
-kdzk_kernel kernel_of(uint8_t kind, uint32_t operation, bool variant) {
-  const uint32_t id = kdzk_id_of_kind(kind, operation) + (variant ? kdzk_id_of(KDZK_ROW_VARIANT, 0) : 0);
-  const kdzk_kernel kernel = id < KDZK_KERNEL_IDS ? library->dispatch[id] : kdzk_kernel{};
-  if (kernel.any == nullptr) broken("kind %u has no kernel for operation %u: id %u", kind, operation, id);
-  return kernel;
-}
-
-bool qualifies(uint32_t operation, uint64_t value, uint64_t low, uint64_t high, bool null_at_0) {
-  if (null_at_0 && value == 0) return false;
-  const bool above = value > low, from = value >= low, below = value < high, to = value <= high;
-  const bool holds[] = {value == low, !from,          above,       !above,        from,
-                        value != low, above && below, above && to, from && below, from && to};
-  return holds[operation];
-}
-
-namespace {
-
-// A constant as a kernel of the column reads it.
-struct Constant {
-  uint8_t bytes[8] = {};
-  uint8_t code = 0;
-  kdzk_kargs args{};
-
-  Constant(const Column& column, uint64_t value) {
-    const Wanted& wanted = column.wanted();
-    const auto native = static_cast<uint32_t>(value);
-    if (wanted.form <= KDZK_VERIFY_RUNS) {
-      std::memcpy(bytes, &native, sizeof native);
-    } else {
-      std::vector<uint8_t> stored;
-      put_big_endian(stored, value, wanted.value_bytes);
-      std::copy(stored.begin(), stored.end(), bytes);
-      if (length_bits(wanted.width) > 0) code = static_cast<uint8_t>(length_code(value, wanted.width));
-    }
-    args.data = bytes;
-    args.lengths = &code;
-    args.enc_ctx = &column.enc();
+Rules families(std::initializer_list<Family> list) {
+  Rules rules;
+  for (const Family& family : list) {
+    rules.push_back({family.name,
+                     "look for a field that no other rule looks at, or report a defect of the library",
+                     family.check,
+                     {"callbacks", "records"}});
   }
-  Constant(const Constant&) = delete;
-  Constant& operator=(const Constant&) = delete;
-};
-
-}  // namespace
-
-Answer predicate(const Column& column, uint32_t operation, bool variant, uint64_t low, uint64_t high, kdzk_exec* exec,
-                 const uint64_t* filter) {
-  const Constant low_constant(column, low), high_constant(column, high);
-  const kdzk_kernel kernel = kernel_of(column.enc().kind, operation, variant);
-  Answer answer{};
-  answer.bits.assign(words_of(column.nrows()), 0x5555555555555555);
-  kdzk_vec input = column.vec(), result{};
-  if (filter != nullptr) input.filter = filter;
-  result.bitvec = answer.bits.data();
-  result.nrows = column.nrows();
-  answer.returned = operation >= KDZK_OP_GT_LT
-                        ? kernel.between(&result, &input, &low_constant.args, &high_constant.args, exec)
-                        : kernel.compare(&result, &input, &low_constant.args, exec);
-  answer.hits = result.hits;
-  return answer;
+  return rules;
 }
-
-void expect_rows(const Answer& answer, const std::vector<bool>& rows, const char* kernel, const std::string& of) {
-  const auto hits = static_cast<uint32_t>(std::count(rows.begin(), rows.end(), true));
-  for (size_t r = 0; r < rows.size(); r++) {
-    if (bit_of(answer.bits.data(), r) != rows[r]) {
-      broken("%s on %s has row %zu %s", kernel, of.c_str(), r,
-             rows[r] ? "clear, and it qualifies" : "set, and it doesn't qualify");
-    }
-  }
-  if (answer.hits != hits) broken("%s on %s left %u in hits, of %u rows", kernel, of.c_str(), answer.hits, hits);
-  if (answer.returned != (hits > 0 ? KDZK_DONE : KDZK_NO_ROW)) {
-    broken("%s on %s returned %llu with %u hits", kernel, of.c_str(), static_cast<unsigned long long>(answer.returned),
-           hits);
-  }
-}
-
-namespace {
-
-// ---- Predicates ----
 
 kdzk_exec exec_of_host() {
   kdzk_exec exec{};
@@ -96,100 +28,7 @@ kdzk_exec exec_of_host() {
   return exec;
 }
 
-void predicates(std::initializer_list<uint32_t> forms, bool variant) {
-  for (const auto& column : columns_of(forms)) {
-    const auto& values = column->values();
-    const bool nulls = variant && column->wanted().form == KDZK_VERIFY_CODES;
-    const uint64_t low = std::min(values.front(), values.back()), high = std::max(values.front(), values.back());
-    for (uint32_t operation = KDZK_OP_EQ; operation <= KDZK_OP_GE_LE; operation++) {
-      const std::string name = kdzk_name_of(
-          library, kdzk_id_of_kind(column->enc().kind, operation) + (variant ? kdzk_id_of(KDZK_ROW_VARIANT, 0) : 0));
-      doing("in %s on %s", name.c_str(), column->name().c_str());
-      std::vector<bool> rows;
-      for (const uint64_t value : values) rows.push_back(qualifies(operation, value, low, high, nulls));
-      kdzk_exec exec = exec_of_host();
-      expect_rows(predicate(*column, operation, variant, low, high, &exec), rows, name.c_str(), column->name());
-    }
-  }
-}
-
-// Filter, and a selection on both roads; the engine's own bit vectors if it makes some.
-void selections() {
-  for (const auto& column : columns_of({KDZK_VERIFY_CODES, KDZK_VERIFY_FIXED, KDZK_VERIFY_DYNP})) {
-    if (column->wanted().width == 1 || column->nrows() < 200) continue;
-    const Column own({.form = KDZK_VERIFY_BITS, .width = 0, .nrows = column->nrows()});
-    std::vector<bool> selected, filtered;
-    for (uint32_t r = 0; r < column->nrows(); r++) {
-      selected.push_back(own.made() ? own.values()[r] == 1 : r % 3 != 0);
-      filtered.push_back(r % 5 != 0);
-    }
-    const auto bits = bits_of(selected), filter = bits_of(filtered);
-    const uint64_t low = column->values()[3];
-    std::vector<bool> rows;
-    for (uint32_t r = 0; r < column->nrows(); r++)
-      rows.push_back(column->values()[r] >= low && selected[r] && filtered[r]);
-    for (const uint32_t flags : {0u, KDZK_EX_SELECTIVE}) {
-      kdzk_exec exec = exec_of_host();
-      exec.selection = own.made() ? own.vec().bitvec : bits.data();
-      exec.flags = static_cast<uint8_t>(flags);
-      doing("in ge on %s with filter and selection", column->name().c_str());
-      expect_rows(predicate(*column, KDZK_OP_GE, false, low, 0, &exec, filter.data()), rows,
-                  flags == 0 ? "ge with filter and selection" : "selective ge", column->name());
-    }
-  }
-}
-
-void sets() {
-  for (const auto& column : columns_of({KDZK_VERIFY_CODES})) {
-    const uint32_t width = column->wanted().width;
-    if (width > 20) continue;
-    std::vector<uint64_t> set((uint64_t{1} << width) / 64 + 1);
-    for (uint64_t code = 0; code < column->dict_size(); code += 3) set[code / 64] |= uint64_t{1} << code % 64;
-    std::vector<bool> rows;
-    for (const uint64_t value : column->values()) rows.push_back(value % 3 == 0);
-    Answer answer{};
-    answer.bits.resize(words_of(column->nrows()));
-    kdzk_vec table{}, result{};
-    table.bitvec = set.data();
-    result.bitvec = answer.bits.data();
-    result.nrows = column->nrows();
-    kdzk_exec exec = exec_of_host();
-    doing("in the set kernel on %s", column->name().c_str());
-    answer.returned = kernel_of(column->enc().kind, KDZK_OP_SET).set(&result, &column->vec(), &table, &exec);
-    answer.hits = result.hits;
-    expect_rows(answer, rows, "set", column->name());
-  }
-}
-
-void bursts() {
-  for (const auto& column : columns_of({KDZK_VERIFY_RUNS})) {
-    const kdzk_enc_ctx& enc = column->enc();
-    const auto runs = column->elements();
-    std::vector<bool> set, rows;
-    for (const uint64_t code : runs) set.push_back(code % 2 == 0);
-    for (const uint64_t code : column->values()) rows.push_back(code % 2 == 0);
-    auto run_bits = bits_of(set);
-    for (const bool by_offsets : {false, true}) {
-      if (by_offsets ? enc.run_offsets == nullptr : enc.unpack_base == 0) continue;
-      kdzk_host_kernel kernel;
-      if (kdzk_host_find_kernel(library, KDZK_OP_BURST_RLE, by_offsets ? KDZK_HOST_FORM_RLE_CLA : KDZK_HOST_FORM_RLE,
-                                by_offsets ? 16 : enc.unpack_width, &kernel) != KDZK_HOST_FOUND)
-        broken("%s", kernel.text);
-      Answer answer{};
-      answer.bits.resize(words_of(column->nrows()));
-      kdzk_result_report report{};
-      report.bitvec = run_bits.data();
-      report.hits = static_cast<uint64_t>(std::count(set.begin(), set.end(), true));
-      kdzk_vec result{};
-      result.bitvec = answer.bits.data();
-      result.nrows = column->nrows();
-      doing("in %s on %s", kernel.text, column->name().c_str());
-      answer.returned = kernel.entry.burst(&result, &column->vec(), &report);
-      answer.hits = result.hits;
-      expect_rows(answer, rows, kernel.text, column->name());
-    }
-  }
-}
+namespace {
 
 // ---- Decoding ----
 
@@ -461,221 +300,6 @@ void polygons() {
   }
 }
 
-// ---- Joins, with the engine's hash function and texts as keys ----
-
-const Wanted texts = {.form = KDZK_VERIFY_TEXTS, .width = 0};
-
-std::vector<uint64_t> hashes_of(const Column& column, uint64_t seed) {
-  if (host->hash == nullptr) not_used("hash is null");
-  std::vector<uint64_t> hashes;
-  const bool coded = column.wanted().form == KDZK_VERIFY_CODES;
-  for (uint32_t r = 0; r < column.nrows(); r++) {
-    const std::string& key = coded ? column.symbols()[column.values()[r]] : column.texts()[r];
-    hashes.push_back(host->hash(key.data(), static_cast<uint32_t>(key.size()), seed));
-  }
-  return hashes;
-}
-
-void hashes_rows() {
-  if (host->hash == nullptr) not_used("hash is null");
-  const uint64_t seed = 17;
-  kdzk_enc_ctx seed_enc{};
-  seed_enc.flags = KDZK_NUMERIC;
-  kdzk_vec seeds{}, out{};
-  seeds.enc_ctx = &seed_enc;
-  seeds.data = const_cast<uint64_t*>(&seed);
-  seeds.nrows = 1;
-  for (const auto& column : columns_of({KDZK_VERIFY_TEXTS, KDZK_VERIFY_CODES})) {
-    const bool coded = column->wanted().form == KDZK_VERIFY_CODES;
-    if (column->wanted().blocked != 0 || (coded && (column->symbols().empty() || column->enc().dict_mode != 1)))
-      continue;
-    std::vector<uint64_t> hashes(column->nrows());
-    out.data = hashes.data();
-    doing("in kdzk_hash_rows on %s", column->name().c_str());
-    const uint64_t returned = library->hash_rows(&out, &column->vec(), &seeds, host->hash);
-    if (returned != KDZK_DONE || hashes != hashes_of(*column, seed)) {
-      broken("kdzk_hash_rows on %s returned %llu and other hashes", column->name().c_str(),
-             static_cast<unsigned long long>(returned));
-    }
-  }
-}
-
-kdzk_enc_ctx implicit_ids() {
-  kdzk_enc_ctx enc{};
-  enc.flags = KDZK_IMPLICIT_IDS;
-  return enc;
-}
-
-void partitions() {
-  const auto column = column_of(texts);
-  const auto hashes = hashes_of(*column, 0);
-  constexpr uint32_t count = 8;
-  std::vector<std::vector<uint64_t>> buffers(count, std::vector<uint64_t>(2 * column->nrows()));
-  uint8_t *cursors[count], *limits[count];
-  for (uint32_t p = 0; p < count; p++) {
-    cursors[p] = reinterpret_cast<uint8_t*>(buffers[p].data());
-    limits[p] = cursors[p] + 16 * column->nrows();
-  }
-  kdzk_partdesc desc{};
-  desc.flags = KDZK_PART_A;
-  desc.part_lo = 61;
-  desc.part_hi = 63;
-  desc.cursors = cursors;
-  desc.limits = limits;
-  const kdzk_enc_ctx ids = implicit_ids();
-  kdzk_vec rows{};
-  rows.enc_ctx = &ids;
-  rows.rowbase = 1000;
-  kdzk_exec exec = exec_of_host();
-  doing("in kdzk_partition_rows");
-  const uint64_t returned = library->partition_rows(&desc, &column->vec(), &rows, host->hash, &exec);
-  if (returned != KDZK_DONE) broken("kdzk_partition_rows returned %llu", static_cast<unsigned long long>(returned));
-  std::vector<size_t> at(count);
-  for (uint32_t r = 0; r < column->nrows(); r++) {
-    const uint64_t part = hashes[r] >> 61;
-    const uint64_t* const record = buffers[part].data() + 2 * at[part]++;
-    if (record[0] != 1000 + r || record[1] != hashes[r])
-      broken("the record of row %u isn't in partition %u", r, static_cast<unsigned>(part));
-  }
-}
-
-// Builds a table of the texts' hashes and looks each of them up: candidates are the rows with the same low bits.
-void joins() {
-  const auto column = column_of(texts);
-  const auto hashes = hashes_of(*column, 0);
-  const uint32_t n = column->nrows();
-  struct alignas(64) Bucket {
-    uint8_t bytes[64];
-  };
-  std::vector<Bucket> buckets(32), overflow(n);
-  uint8_t* tables[] = {buckets[0].bytes};
-  uint8_t* cursors[] = {overflow[0].bytes};
-  uint8_t* limits[] = {overflow[0].bytes + 64 * overflow.size()};
-  kdzk_htdesc desc{};
-  desc.flags = 1;  // tags of 16 bits, payloads of 64
-  desc.bucket_hi = desc.dir_hi = 20;
-  desc.tables = tables;
-  desc.cursors = cursors;
-  desc.limits = limits;
-  const kdzk_enc_ctx ids = implicit_ids();
-  kdzk_vec rows{}, out{};
-  rows.enc_ctx = &ids;
-  kdzk_exec build = exec_of_host(), probe = exec_of_host();
-  doing("in kdzk_ht_build");
-  uint64_t returned = library->ht_build(&desc, &column->vec(), &rows, 0, host->hash, &build);
-  if (returned != KDZK_DONE) broken("kdzk_ht_build returned %llu", static_cast<unsigned long long>(returned));
-  std::vector<uint64_t> pairs(2 * uint64_t{n} * n), want;
-  out.data = pairs.data();
-  out.nrows = n * n;
-  doing("in kdzk_ht_probe");
-  returned = library->ht_probe(&out, &column->vec(), &rows, &desc, host->hash, &probe);
-  for (uint64_t r = 0; r < n; r++) {
-    for (uint64_t other = 0; other < n; other++) {
-      if (((hashes[r] ^ hashes[other]) & 0x1fffff) == 0) want.insert(want.end(), {r, other});
-    }
-  }
-  pairs.resize(2 * uint64_t{out.nrows});
-  if (returned != KDZK_DONE || pairs != want) {
-    broken("kdzk_ht_probe returned %llu and %u pairs, of %zu", static_cast<unsigned long long>(returned), out.nrows,
-           want.size() / 2);
-  }
-}
-
-// Texts into a pair matrix, from there into a page, and back from the page in reverse order.
-void stores() {
-  const auto column = column_of(texts);
-  const uint32_t n = column->nrows();
-  struct Pair {
-    uint16_t length;
-    const char* address;
-  };
-  std::vector<Pair> matrix(n);
-  auto* pairs = reinterpret_cast<uint8_t*>(matrix.data());
-  kdzk_rowstore source{};
-  source.flags = KDZK_STORE_PAIRS;
-  source.ncols = 1;
-  source.pairs = &pairs;
-  source.pair_cursors = &pairs;
-  doing("in kdzk_fill_pairs");
-  if (library->fill_pairs(&source, &column->vec(), 0, 0) != KDZK_DONE) broken("kdzk_fill_pairs didn't return 0");
-  std::string all;
-  for (uint32_t r = 0; r < n; r++) {
-    const std::string& text = column->texts()[r];
-    all += text;
-    if (std::string_view(matrix[r].address, matrix[r].length) != text)
-      broken("kdzk_fill_pairs has another text in row %u", r);
-  }
-
-  std::vector<uint8_t> page(all.size());
-  std::vector<uint32_t> directory(n + 1);
-  uint8_t *data_cursor = page.data(), *data_limit = page.data() + page.size();
-  auto *offsets = reinterpret_cast<uint8_t*>(directory.data()), *offset_cursor = offsets;
-  const uint64_t base = reinterpret_cast<uintptr_t>(page.data());
-  kdzk_rowstore store{};
-  store.flags = KDZK_STORE_OFFSETS;
-  store.page_lo = 64;
-  store.offsets = &offsets;
-  store.offset_cursors = &offset_cursor;
-  store.bases = &base;
-  store.data_cursors = &data_cursor;
-  store.data_limits = &data_limit;
-  kdzk_exec exec = exec_of_host();
-  doing("in kdzk_pack_rows");
-  if (library->pack_rows(&store, &source, 0, 0, 0, static_cast<int32_t>(n) - 1, &exec) != KDZK_DONE ||
-      std::string(page.begin(), page.end()) != all || directory[n] != all.size()) {
-    broken("kdzk_pack_rows packed %u rows and other bytes", exec.row);
-  }
-
-  std::vector<uint64_t> locators(n + KDZK_PADDING / 8);
-  for (uint32_t r = 0; r < n; r++) locators[r] = n - 1 - r;
-  std::string want;
-  for (uint32_t r = n; r-- > 0;) want += column->texts()[r];
-  std::string values(all.size(), 0);
-  std::vector<uint16_t> lengths(n);
-  kdzk_enc_ctx in_enc{}, out_enc{};
-  in_enc.flags = KDZK_FIXED_BYTES;
-  in_enc.width = 64;
-  out_enc.flags = KDZK_LEN_ARRAY;
-  kdzk_vec in{}, out{};
-  in.enc_ctx = &in_enc;
-  in.data = locators.data();
-  in.nrows = n;
-  out.enc_ctx = &out_enc;
-  out.data = values.data();
-  out.lengths = lengths.data();
-  out.out_size = values.size();
-  exec = exec_of_host();
-  doing("in kdzk_ht_gather");
-  if (library->ht_gather(&out, &in, &store, &exec) != KDZK_DONE || values != want)
-    broken("kdzk_ht_gather gave other bytes");
-}
-
-void blooms() {
-  const auto column = column_of({.form = KDZK_VERIFY_FIXED, .width = 32, .value_bytes = 4});
-  kdzk_enc_ctx enc{};
-  kdzk_host_bloom_shape(&enc, kdzk_host_bloom_mask(column->nrows(), 8), 0);
-  std::vector<uint64_t> words(kdzk_host_bloom_bytes(&enc) / 8);
-  kdzk_vec filter{}, result{};
-  filter.enc_ctx = &enc;
-  filter.bitvec = words.data();
-  kdzk_host_bloom_add_values(&filter, column->vec().data, column->nrows() / 2);
-  std::vector<bool> rows;
-  for (const uint64_t value : column->values()) {
-    const uint64_t bit = value & enc.bloom_mask;
-    rows.push_back(reinterpret_cast<const uint8_t*>(words.data())[bit / 8] >> bit % 8 & 1);
-  }
-  Answer answer{};
-  answer.bits.resize(words_of(column->nrows()));
-  kdzk_hit_range range;
-  result.bitvec = answer.bits.data();
-  result.data = &range;
-  kdzk_exec exec = exec_of_host();
-  doing("in kdzk_bloom_test");
-  answer.returned = library->bloom_test(&result, &column->vec(), &filter, &exec);
-  answer.hits = result.hits;
-  expect_rows(answer, rows, "kdzk_bloom_test", column->name());
-}
-
 // ---- Bit vectors ----
 
 void bit_vectors() {
@@ -706,25 +330,8 @@ void bit_vectors() {
 
 }  // namespace
 
-Rules family_rules() {
-  constexpr const char* remedy = "a record's field that no other rule looks at, or a defect of the library";
-  struct Family {
-    const char* name;
-    void (*check)();
-  };
-  const Family families[] = {
-      {"dict", [] { predicates({KDZK_VERIFY_CODES}, false); }},
-      {"dict-null", [] { predicates({KDZK_VERIFY_CODES}, true); }},
-      {"dict-runs", [] { predicates({KDZK_VERIFY_RUNS}, false); }},
-      {"fixed", [] { predicates({KDZK_VERIFY_FIXED}, false); }},
-      {"dynp", [] { predicates({KDZK_VERIFY_DYNP}, false); }},
-      {"tz",
-       [] {
-         predicates({KDZK_VERIFY_FIXED_TZ, KDZK_VERIFY_DYNP}, true);
-       }},
-      {"selection", selections},
-      {"set", sets},
-      {"burst-rle", bursts},
+Rules decoding_rules() {
+  return families({
       {"decode", decodes},
       {"decode-unpack", unpacks},
       {"decode-symbol", decodes_symbols},
@@ -737,18 +344,8 @@ Rules family_rules() {
       {"groupkey", group_keys},
       {"numbers", numbers},
       {"polygon", polygons},
-      {"hash-rows", hashes_rows},
-      {"partition", partitions},
-      {"build-probe", joins},
-      {"pack-gather", stores},
-      {"bloom", blooms},
       {"bit-vectors", bit_vectors},
-  };
-  Rules rules;
-  for (const Family& family : families) {
-    rules.push_back({family.name, remedy, family.check, {"callbacks", "records"}});
-  }
-  return rules;
+  });
 }
 
 }  // namespace kdzk_verify

@@ -24,9 +24,18 @@ struct Rule {
 };
 
 using Rules = std::vector<Rule>;
-Rules env_rules();     // group "callbacks"
-Rules column_rules();  // group "records"
-Rules family_rules();  // group "families"
+Rules env_rules();        // group "callbacks"
+Rules column_rules();     // group "records"
+Rules predicate_rules();  // group "families"
+Rules decoding_rules();   // the same
+Rules join_rules();       // the same
+
+// A rule of that group, which all rules of the other groups come before.
+struct Family {
+  const char* name;
+  void (*check)();
+};
+Rules families(std::initializer_list<Family> list);
 
 extern const kdzk_specialized_ctx* library;
 extern const kdzk_verify_host* host;
@@ -101,6 +110,8 @@ using Columns = std::vector<std::unique_ptr<Column>>;
 // makes none.
 Columns columns_of(std::initializer_list<uint32_t> forms);
 std::unique_ptr<Column> column_of(const Wanted& wanted);  // the same of one
+
+kdzk_exec exec_of_host();  // zero but for the engine's env
 
 // ---- Predicates ----
 

@@ -4,6 +4,7 @@
  * source, compiled as C and as C++; both must print the same. */
 #include <dlfcn.h>
 #include <kdzk/host.h>
+#include <kdzk/host/verify.h>
 #include <kdzk/kdzk.h>
 #include <stdio.h>
 #include <string.h>

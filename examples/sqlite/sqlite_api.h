@@ -51,6 +51,21 @@ class Statement {
   sqlite3_stmt* statement_ = nullptr;
 };
 
+// A statement in use: it is reset when this goes out of scope, however that happens.
+class Borrowed {
+ public:
+  explicit Borrowed(Statement& statement) : statement_(&statement) { statement.reset(); }
+  Borrowed(Borrowed&& other) noexcept : statement_(other.statement_) { other.statement_ = nullptr; }
+  Borrowed& operator=(Borrowed&&) = delete;
+  ~Borrowed() {
+    if (statement_ != nullptr) statement_->reset();
+  }
+  Statement* operator->() const { return statement_; }
+
+ private:
+  Statement* statement_;
+};
+
 std::string quoted(std::string_view name);  // as an identifier of SQL
 void execute(sqlite3* db, const std::string& sql);
 

@@ -251,9 +251,8 @@ class Segment {
 // own. It holds after the table has changed.
 struct Snapshot {
   std::vector<std::shared_ptr<const Segment>> segments;
-  uint64_t live = 0;                // rows that aren't deleted
-  bool tail = false;                // the last segment is in memory only
-  std::vector<uint64_t> tail_rows;  // bits: rows of the tail that exist
+  uint64_t live = 0;  // rows that aren't deleted
+  bool tail = false;  // the last segment is in memory only
 };
 
 // ---- Tables. ----
@@ -296,6 +295,7 @@ class Table {
   // Packs rows into segments, with dictionaries shared by all of them, behind all other rows. Not with a tail.
   void append(Rows& rows);
   int64_t insert(const std::vector<Value>& values, const int64_t* rowid);  // returns the rowid
+  bool replace(int64_t rowid, const std::vector<Value>& values);           // false: not in the tail, or no such row
   bool remove(int64_t rowid);                                              // false: no such row
   void flush();                                                            // before a savepoint, a read, a commit
   void forget();                                                           // what isn't flushed, after a rollback
@@ -303,12 +303,13 @@ class Table {
  private:
   friend class SegmentColumns;
   std::string shadow(const char* suffix) const;
-  Statement& prepared(const char* key, const std::string& sql);
+  Borrowed prepared(const char* key, const std::string& sql);
   std::shared_ptr<Part> load(const SegmentColumns::Entry& entry, uint32_t nrows, const std::string& place);
   std::shared_ptr<Snapshot> read_snapshot();
   void add_tail(Snapshot& snapshot);
   int64_t stored_stamp();
   int64_t next_rowid();
+  void pack(Rows& rows, const std::vector<uint64_t>& live_bits, uint32_t live);
   void pack_tail();
   void store_segment(int64_t id, uint32_t nrows, const std::vector<uint64_t>& live_bits, uint32_t live);
   void store_column(int64_t segment, int column, const PackedColumn& packed, int64_t dictionary);

@@ -29,12 +29,12 @@ struct Condition {
   Value low, high;
   std::vector<Value> list;
   std::function<bool(const Value&)> match;
+  bool known = true;  // false, for plan() only: the constants aren't known yet
 };
 
 class Query {
  public:
   Query(Table& table, std::vector<Condition> conditions);
-  ~Query();
   Query(const Query&) = delete;
   Query& operator=(const Query&) = delete;
 
@@ -51,18 +51,36 @@ class Query {
   uint64_t segments_scanned = 0, segments_skipped = 0;
 
  private:
-  struct Terms;   // of a condition and a dictionary
-  struct Step;    // of a condition and a segment
+  // What a condition is in the terms of a dictionary: a range of codes, or a set.
+  struct Terms {
+    kdzk_host_range range{};
+    std::vector<uint64_t> set;  // empty: a range
+    double share = 0;           // of the dictionary's values
+  };
+  // What it is on a segment.
+  struct Step {
+    const Condition* condition = nullptr;
+    kdzk_host_test test{};
+    bool by_row = false;  // for columns without a dictionary: values are looked at one by one
+    double share = 0;
+  };
   const Terms& terms_of(size_t condition, const std::shared_ptr<const Dictionary>& dictionary);
   bool prepare(const Segment& segment);  // fills steps_, in order; false: no row qualifies
+  bool add_step(const Condition& condition, size_t index, const Segment& segment);
+  uint32_t run(const Step& step, const Segment& segment, const uint64_t* filter, const uint64_t* selection,
+               uint32_t selected, uint64_t* bits);
+  uint32_t run_by_row(const Step& step, Part& part, const uint64_t* rows_left, uint64_t* bits);
 
   Table& table_;
   std::vector<Condition> conditions_;
   std::vector<std::unordered_map<const Dictionary*, std::unique_ptr<Terms>>> terms_;
+  std::vector<std::shared_ptr<const Dictionary>> held_;  // so that their addresses aren't used again
   std::vector<Step> steps_;
+  std::vector<uint64_t> scratch_;
+  std::vector<uint32_t> rows_;
 };
 
-// A part of the rows, of this many or fewer in one of: from there on the selective path is taken.
+// With one row left in so many, or fewer, the selective path is taken.
 constexpr uint32_t selective_from = 64;
 
 }  // namespace packed

@@ -328,8 +328,9 @@ uint32_t Query::scan(const Segment& segment, const uint64_t* selection, uint32_t
 
 std::string Query::plan(const Segment& segment) {
   std::string text;
+  planned_share_ = 0.01;
   if (!prepare(segment)) return "no row of the first segment";
-  double share = 1;
+  double& share = planned_share_ = 1;
   for (const Step& step : steps_) {
     const int column = step.condition->column;
     if (!text.empty()) text += ", ";

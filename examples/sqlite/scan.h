@@ -47,6 +47,7 @@ class Query {
 
   // The kernels for a segment, in their order: "ge_le 11bit(delay), set 8bit(origin) selective".
   std::string plan(const Segment& segment);
+  double planned_share() const { return planned_share_; }  // of the rows, roughly, after plan()
 
   uint64_t segments_scanned = 0, segments_skipped = 0;
 
@@ -77,6 +78,7 @@ class Query {
   std::vector<std::shared_ptr<const Dictionary>> held_;  // so that their addresses aren't used again
   std::vector<Step> steps_;
   std::vector<uint64_t> scratch_;
+  double planned_share_ = 1;
   std::vector<uint32_t> rows_;
 };
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 
@@ -29,6 +30,11 @@ std::string library_path() {
     if (access(path.c_str(), R_OK) == 0) return path;
   }
   return KDZK_LIBRARY;
+}
+
+bool has_word(std::string text, const char* upper_case_word) {
+  for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return text.find(upper_case_word) != std::string::npos;
 }
 
 std::string key_of(const std::string& schema, const std::string& name) {
@@ -264,6 +270,10 @@ Table::Table(Connection& connection, std::string schema, std::string name)
     ColumnInfo info{columns.text(1), columns.text(2), affinity_of(columns.text(2)),
                     static_cast<uint32_t>(columns.integer(3)) & KDZK_HOST_EVERY_FORM};
     if (columns.integer(0) != static_cast<int64_t>(columns_.size())) throw_malformed(name_ + ": a column is missing");
+    // It goes into a declaration of SQL.
+    const auto is_plain = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || std::strchr("_ (),", c); };
+    if (!std::all_of(info.type.begin(), info.type.end(), is_plain) || has_word(info.type, "PRIMARY"))
+      throw Error(SQLITE_ERROR, "'" + info.type + "' isn't taken for a type");
     columns_.push_back(std::move(info));
   }
   if (columns_.empty()) throw_malformed(name_ + ": no columns");

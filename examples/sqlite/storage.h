@@ -299,6 +299,7 @@ class Table {
   bool remove(int64_t rowid);                                              // false: no such row
   void flush();                                                            // before a savepoint, a read, a commit
   void forget();                                                           // what isn't flushed, after a rollback
+  void close() { statements_.clear(); }                                    // before the shadow tables go
 
  private:
   friend class SegmentColumns;

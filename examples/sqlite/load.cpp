@@ -144,7 +144,8 @@ bool Packer::is_covered(const Dictionary& earlier) const {
     kdzk_host_value value = kit_value(values[number]);
     if (mixed_) value.type = KDZK_HOST_TEXT, value.text = typed_texts_[number];
     uint32_t code = 0;
-    if (values[number].type != Type::null && kdzk_host_dictionary_code(&earlier.kit(), &value, &code) == 0) return false;
+    if (values[number].type != Type::null && kdzk_host_dictionary_code(&earlier.kit(), &value, &code) == 0)
+      return false;
   }
   return true;
 }

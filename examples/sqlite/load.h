@@ -83,7 +83,7 @@ class Packer {
   kdzk_host_coder* coder_ = nullptr;
   uint32_t type_ = KDZK_HOST_INTEGER;
   bool mixed_ = false, nulls_ = false;
-  std::vector<std::string> keys_;       // of a mixed column, by number
+  std::vector<std::string> keys_;            // of a mixed column, by number
   std::vector<kdzk_host_text> typed_texts_;  // by number
   // One chunk's values, as the kit takes them.
   std::vector<int64_t> integers_;

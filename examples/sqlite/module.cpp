@@ -82,8 +82,8 @@ struct Cursor : sqlite3_vtab_cursor {
   const Segment* here = nullptr;
   std::vector<uint64_t> bits, range;
   std::vector<uint32_t> rows;
-  uint32_t count = 0, at = 0;                // rows of this segment, and the current one among them
-  uint32_t batch_first = 0, batch_end = 0;   // of them, those that are decoded at once
+  uint32_t count = 0, at = 0;               // rows of this segment, and the current one among them
+  uint32_t batch_first = 0, batch_end = 0;  // of them, those that are decoded at once
   std::vector<Column> columns;
 };
 
@@ -111,7 +111,8 @@ int guarded(char** message, const Body& body) {
 // ---- Creation ----
 
 std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || (text.front() >= '\t' && text.front() <= '\r'))) text.remove_prefix(1);
+  while (!text.empty() && (text.front() == ' ' || (text.front() >= '\t' && text.front() <= '\r')))
+    text.remove_prefix(1);
   while (!text.empty() && (text.back() == ' ' || (text.back() >= '\t' && text.back() <= '\r'))) text.remove_suffix(1);
   return text;
 }
@@ -135,13 +136,20 @@ uint32_t forms_of(const std::string& words) {
     const std::string word = words.substr(at, end - at);
     at = end + 1;
     if (word.empty()) continue;
-    if (word == "blocked") blocked = true;
-    else if (word == "packed") forms |= KDZK_HOST_PACKED;
-    else if (word == "runs") forms |= KDZK_HOST_RUNS;
-    else if (word == "fixed") forms |= KDZK_HOST_FIXED;
-    else if (word == "dynp") forms |= KDZK_HOST_DYNP;
-    else if (word == "plain") forms |= KDZK_HOST_PLAIN_FORMS;
-    else throw Error(SQLITE_ERROR, "no form '" + word + "'; the forms are: packed, runs, fixed, dynp, plain, blocked");
+    if (word == "blocked")
+      blocked = true;
+    else if (word == "packed")
+      forms |= KDZK_HOST_PACKED;
+    else if (word == "runs")
+      forms |= KDZK_HOST_RUNS;
+    else if (word == "fixed")
+      forms |= KDZK_HOST_FIXED;
+    else if (word == "dynp")
+      forms |= KDZK_HOST_DYNP;
+    else if (word == "plain")
+      forms |= KDZK_HOST_PLAIN_FORMS;
+    else
+      throw Error(SQLITE_ERROR, "no form '" + word + "'; the forms are: packed, runs, fixed, dynp, plain, blocked");
   }
   if (forms == 0) forms = KDZK_HOST_PLAIN_FORMS;
   return blocked ? KDZK_HOST_BLOCKED(forms) : forms;
@@ -167,7 +175,8 @@ void create(const std::shared_ptr<Connection>& connection, const std::string& sc
     sources += option == "csv" || option == "select" || option == "columns";
     if (sources > 1) break;
   }
-  if (sources != 1) throw Error(SQLITE_ERROR, "kdzk takes one of csv='file', select='SELECT ...', columns='name TYPE, ...'");
+  if (sources != 1)
+    throw Error(SQLITE_ERROR, "kdzk takes one of csv='file', select='SELECT ...', columns='name TYPE, ...'");
   for (const auto& [option, value] : options) {
     if (option == "csv" || option == "select" || option == "columns") continue;
     if (option.rfind("form(", 0) != 0 || option.back() != ')') throw Error(SQLITE_ERROR, "no option '" + option + "'");
@@ -198,7 +207,8 @@ int connect(sqlite3* db, void* aux, int argc, const char* const* argv, sqlite3_v
       declaration += declaration.empty() ? "CREATE TABLE x(" : ", ";
       declaration += quoted(info.name) + " " + info.type;
     }
-    if (sqlite3_declare_vtab(db, (declaration + ")").c_str()) != SQLITE_OK) throw Error(SQLITE_ERROR, sqlite3_errmsg(db));
+    if (sqlite3_declare_vtab(db, (declaration + ")").c_str()) != SQLITE_OK)
+      throw Error(SQLITE_ERROR, sqlite3_errmsg(db));
     *vtab = made.release();
   });
 }
@@ -337,7 +347,9 @@ Condition condition_of(const Table& table, const Use& use, sqlite3_value* given,
       condition.kind = Condition::Kind::match;
       // Numbers in the list of a column of texts: SQLite compares numbers, and the others as they are.
       condition.match = [list = std::move(condition.list), affinity, below](const Value& entry) {
-        const auto is_in = [&](const Value& value) { return std::binary_search(list.begin(), list.end(), value, below); };
+        const auto is_in = [&](const Value& value) {
+          return std::binary_search(list.begin(), list.end(), value, below);
+        };
         if (affinity == Affinity::none) return holds_somehow(entry, is_in);
         std::deque<std::string> made;
         return is_in(applied(Affinity::numeric, entry, made));
@@ -432,88 +444,103 @@ bool operation_of(int constraint, Use& use) {
   }
 }
 
+int number_of(VirtualTable& owner, const Plan& plan) {
+  std::string key;
+  for (const Use& use : plan) key += use.key();
+  const auto [number, is_new] = owner.plan_numbers.emplace(key, static_cast<int>(owner.plans.size()));
+  if (is_new) owner.plans.push_back(plan);
+  return number->second;
+}
+
+void choose_plan(VirtualTable& owner, sqlite3_index_info* info) {
+  Table& table = *owner.table;
+  const std::shared_ptr<const Snapshot> snapshot = table.snapshot();
+  Plan plan;
+  std::vector<Condition> conditions;
+  std::deque<std::string> texts;
+  std::string rowid_text;
+  bool exact = true;  // all that WHERE has is left to this table
+  int arguments = 0, limit = -1, offset = -1;
+  double rowid_share = 1;
+  const auto take = [&](int constraint, const Use& use, bool omit) {
+    info->aConstraintUsage[constraint].argvIndex = use.argument;
+    info->aConstraintUsage[constraint].omit = omit;
+    plan.push_back(use);
+  };
+  for (int i = 0; i < info->nConstraint; i++) {
+    const auto& constraint = info->aConstraint[i];
+    if (constraint.op == SQLITE_INDEX_CONSTRAINT_LIMIT) limit = constraint.usable ? i : -1;
+    if (constraint.op == SQLITE_INDEX_CONSTRAINT_OFFSET) offset = i;
+    if (constraint.op == SQLITE_INDEX_CONSTRAINT_LIMIT || constraint.op == SQLITE_INDEX_CONSTRAINT_OFFSET) continue;
+    Use use{Use::Kind::compare, constraint.iColumn, KDZK_OP_EQ, false, 0};
+    const bool known = constraint.usable && operation_of(constraint.op, use);
+    const bool pattern = use.kind != Use::Kind::compare, null = use.operation >= KDZK_HOST_OP_IS_NULL;
+    const bool of_rowid = constraint.iColumn < 0;
+    const char* const collation = known && !pattern && !null && !of_rowid ? sqlite3_vtab_collation(info, i) : nullptr;
+    if (!known || (of_rowid && (pattern || null || use.operation == KDZK_OP_NE)) ||
+        (collation != nullptr && strcasecmp(collation, "BINARY") != 0)) {
+      exact = false;
+      continue;
+    }
+    const bool in = constraint.op == SQLITE_INDEX_CONSTRAINT_EQ && sqlite3_vtab_in(info, i, -1) != 0;
+    if (in && !of_rowid) {
+      sqlite3_vtab_in(info, i, 1);
+      use.kind = Use::Kind::in;
+    }
+    use.argument = ++arguments;
+    if (of_rowid) {
+      use.kind = Use::Kind::rowid;
+      exact = exact && !in;
+      rowid_share *= use.operation == KDZK_OP_EQ ? 1 / std::max(1.0, static_cast<double>(snapshot->live)) : 0.5;
+      rowid_text = "rowid";
+      take(i, use, true);
+      continue;
+    }
+    sqlite3_value* value = nullptr;
+    if (use.kind != Use::Kind::in && !null && sqlite3_vtab_rhs_value(info, i, &value) != SQLITE_OK) value = nullptr;
+    use.text_known = value != nullptr && sqlite3_value_type(value) == SQLITE_TEXT;
+    const bool omit = is_exact(table.columns()[static_cast<size_t>(use.column)], use);
+    exact = exact && omit;
+    take(i, use, omit);
+    conditions.push_back(condition_of(table, use, value, texts));
+  }
+  merge_ranges(conditions);
+  const auto live = static_cast<double>(snapshot->live);
+  double share = rowid_share;
+  std::string text;
+  if (!snapshot->segments.empty() && !conditions.empty()) {
+    Query query(table, std::move(conditions));
+    text = query.plan(*snapshot->segments.front());
+    share *= query.planned_share();
+  }
+  if (!rowid_text.empty()) text += (text.empty() ? "" : ", ") + rowid_text;
+  const bool in_order = info->nOrderBy == 1 && info->aOrderBy[0].iColumn < 0 && !info->aOrderBy[0].desc;
+  info->orderByConsumed = in_order;
+  if (exact && (info->nOrderBy == 0 || in_order) && limit >= 0) {
+    take(limit, {Use::Kind::limit, 0, 0, false, ++arguments}, false);
+    if (offset >= 0 && info->aConstraint[offset].usable)
+      take(offset, {Use::Kind::offset, 0, 0, false, ++arguments}, true);
+    text += text.empty() ? "limit" : ", limit";
+  }
+  info->idxNum = number_of(owner, plan);
+  info->idxStr = sqlite3_mprintf("%s", text.empty() ? "all rows" : text.c_str());
+  info->needToFreeIdxStr = 1;
+  const double rows = std::max(1.0, live * share);
+  info->estimatedRows = static_cast<sqlite3_int64>(rows);
+  info->estimatedCost = 10 + live / 500 * static_cast<double>(std::max<size_t>(1, plan.size())) + 2 * rows;
+}
+
 int x_best_index(sqlite3_vtab* vtab, sqlite3_index_info* info) {
   return guarded(&vtab->zErrMsg, [&] {
-    VirtualTable& owner = of(vtab);
-    Table& table = *owner.table;
-    const std::shared_ptr<const Snapshot> snapshot = table.snapshot();
-    Plan plan;
-    std::vector<Condition> conditions;
-    std::deque<std::string> texts;
-    std::string rowid_text;
-    bool exact = true;  // all that WHERE has is left to this table
-    int arguments = 0, limit = -1, offset = -1;
-    double rowid_share = 1;
-    const auto take = [&](int constraint, const Use& use, bool omit) {
-      info->aConstraintUsage[constraint].argvIndex = use.argument;
-      info->aConstraintUsage[constraint].omit = omit;
-      plan.push_back(use);
-    };
-    for (int i = 0; i < info->nConstraint; i++) {
-      const auto& constraint = info->aConstraint[i];
-      if (constraint.op == SQLITE_INDEX_CONSTRAINT_LIMIT) limit = constraint.usable ? i : -1;
-      if (constraint.op == SQLITE_INDEX_CONSTRAINT_OFFSET) offset = i;
-      if (constraint.op == SQLITE_INDEX_CONSTRAINT_LIMIT || constraint.op == SQLITE_INDEX_CONSTRAINT_OFFSET) continue;
-      Use use{Use::Kind::compare, constraint.iColumn, KDZK_OP_EQ, false, 0};
-      const bool known = constraint.usable && operation_of(constraint.op, use);
-      const bool pattern = use.kind != Use::Kind::compare, null = use.operation >= KDZK_HOST_OP_IS_NULL;
-      const bool of_rowid = constraint.iColumn < 0;
-      const char* const collation = known && !pattern && !null && !of_rowid ? sqlite3_vtab_collation(info, i) : nullptr;
-      if (!known || (of_rowid && (pattern || null || use.operation == KDZK_OP_NE)) ||
-          (collation != nullptr && strcasecmp(collation, "BINARY") != 0)) {
-        exact = false;
-        continue;
-      }
-      const bool in = constraint.op == SQLITE_INDEX_CONSTRAINT_EQ && sqlite3_vtab_in(info, i, -1) != 0;
-      if (in && !of_rowid) {
-        sqlite3_vtab_in(info, i, 1);
-        use.kind = Use::Kind::in;
-      }
-      use.argument = ++arguments;
-      if (of_rowid) {
-        use.kind = Use::Kind::rowid;
-        exact = exact && !in;
-        rowid_share *= use.operation == KDZK_OP_EQ ? 1 / std::max(1.0, static_cast<double>(snapshot->live)) : 0.5;
-        rowid_text = "rowid";
-        take(i, use, true);
-        continue;
-      }
-      sqlite3_value* value = nullptr;
-      if (use.kind != Use::Kind::in && !null && sqlite3_vtab_rhs_value(info, i, &value) != SQLITE_OK) value = nullptr;
-      use.text_known = value != nullptr && sqlite3_value_type(value) == SQLITE_TEXT;
-      const bool omit = is_exact(table.columns()[static_cast<size_t>(use.column)], use);
-      exact = exact && omit;
-      take(i, use, omit);
-      conditions.push_back(condition_of(table, use, value, texts));
+    try {
+      choose_plan(of(vtab), info);
+    } catch (const Error& error) {
+      // The scan will find the same, and then SQLite passes on the code, which it doesn't from here.
+      if ((error.code & 0xff) != SQLITE_CORRUPT) throw;
+      for (int i = 0; i < info->nConstraint; i++) info->aConstraintUsage[i] = {};
+      info->orderByConsumed = 0;
+      info->idxNum = number_of(of(vtab), {});
     }
-    merge_ranges(conditions);
-    const auto live = static_cast<double>(snapshot->live);
-    double share = rowid_share;
-    std::string text;
-    if (!snapshot->segments.empty() && !conditions.empty()) {
-      Query query(table, std::move(conditions));
-      text = query.plan(*snapshot->segments.front());
-      share *= query.planned_share();
-    }
-    if (!rowid_text.empty()) text += (text.empty() ? "" : ", ") + rowid_text;
-    const bool in_order = info->nOrderBy == 1 && info->aOrderBy[0].iColumn < 0 && !info->aOrderBy[0].desc;
-    info->orderByConsumed = in_order;
-    if (exact && (info->nOrderBy == 0 || in_order) && limit >= 0) {
-      take(limit, {Use::Kind::limit, 0, 0, false, ++arguments}, false);
-      if (offset >= 0 && info->aConstraint[offset].usable)
-        take(offset, {Use::Kind::offset, 0, 0, false, ++arguments}, true);
-      text += text.empty() ? "limit" : ", limit";
-    }
-    std::string key;
-    for (const Use& use : plan) key += use.key();
-    const auto [number, is_new] = owner.plan_numbers.emplace(key, static_cast<int>(owner.plans.size()));
-    if (is_new) owner.plans.push_back(plan);
-    info->idxNum = number->second;
-    info->idxStr = sqlite3_mprintf("%s", text.empty() ? "all rows" : text.c_str());
-    info->needToFreeIdxStr = 1;
-    const double rows = std::max(1.0, live * share);
-    info->estimatedRows = static_cast<sqlite3_int64>(rows);
-    info->estimatedCost = 10 + live / 500 * static_cast<double>(std::max<size_t>(1, plan.size())) + 2 * rows;
   });
 }
 
@@ -542,8 +569,8 @@ void narrow(Cursor& cursor, uint32_t operation, sqlite3_value* given) {
     return;
   }
   // The rowids that aren't below the value begin at `from`, those above it at `above`; both may be past the ends.
-  const long double number = value.type == Type::integer ? static_cast<long double>(value.integer)
-                                                         : static_cast<long double>(value.real);
+  const long double number =
+      value.type == Type::integer ? static_cast<long double>(value.integer) : static_cast<long double>(value.real);
   const long double from = std::ceil(number), above = std::floor(number) + 1;
   const auto clamped = [](long double rowid) {
     return rowid < 0 ? int64_t{0} : rowid > 9e18L ? int64_t{9000000000000000000} : static_cast<int64_t>(rowid);
@@ -569,8 +596,10 @@ void find_rows(Cursor& cursor) {
     uint32_t hits = 0;
     if (first > 0 || last + 1 < nrows) {
       std::fill(cursor.range.begin(), cursor.range.end(), 0);
-      connection.library().bv64.set_range(cursor.range.data(), static_cast<uint64_t>(first), static_cast<uint64_t>(last));
-      hits = cursor.query->scan(segment, cursor.range.data(), static_cast<uint32_t>(last - first + 1), cursor.bits.data());
+      connection.library().bv64.set_range(cursor.range.data(), static_cast<uint64_t>(first),
+                                          static_cast<uint64_t>(last));
+      hits =
+          cursor.query->scan(segment, cursor.range.data(), static_cast<uint32_t>(last - first + 1), cursor.bits.data());
     } else {
       hits = cursor.query->scan(segment, cursor.bits.data());
     }

@@ -41,8 +41,8 @@ kdzk_host_range mixed_range(const kdzk_host_dictionary& dictionary, const Condit
       (condition.low.type == Type::null || (two && condition.high.type == Type::null)))
     return range;
   const Value& last = two ? condition.high : condition.low;
-  const bool low_above = operation == KDZK_OP_GT || operation == KDZK_OP_LE || operation == KDZK_OP_GT_LT ||
-                         operation == KDZK_OP_GT_LE;
+  const bool low_above =
+      operation == KDZK_OP_GT || operation == KDZK_OP_LE || operation == KDZK_OP_GT_LT || operation == KDZK_OP_GT_LE;
   const bool high_below = operation == KDZK_OP_GT_LT || operation == KDZK_OP_GE_LT;
   const std::string low = low_above ? mixed_key_above(condition.low) : mixed_key_below(condition.low);
   const std::string high = high_below ? mixed_key_below(last) : mixed_key_above(last);
@@ -225,9 +225,8 @@ bool Query::prepare(const Segment& segment) {
   for (size_t index = 0; index < conditions_.size(); index++) {
     if (!add_step(conditions_[index], index, segment)) return false;
   }
-  std::stable_sort(steps_.begin(), steps_.end(), [](const Step& a, const Step& b) {
-    return a.by_row != b.by_row ? b.by_row : a.share < b.share;
-  });
+  std::stable_sort(steps_.begin(), steps_.end(),
+                   [](const Step& a, const Step& b) { return a.by_row != b.by_row ? b.by_row : a.share < b.share; });
   return true;
 }
 

@@ -38,8 +38,8 @@ class Statement {
   Statement& bind(int parameter, int64_t value);
   Statement& bind(int parameter, std::string_view text);
   Statement& bind_blob(int parameter, const void* bytes, uint64_t size);  // not copied
-  bool step();                                                           // false: no further row
-  void run();                                                            // to the end, then reset
+  bool step();                                                            // false: no further row
+  void run();                                                             // to the end, then reset
   void reset();
 
   int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }

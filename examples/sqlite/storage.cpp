@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reading packed tables: the connection, dictionaries, columns of segments, snapshots. Changes are in storage_write.cpp.
+// Reading packed tables: the connection, dictionaries, columns of segments, snapshots. Changes are in
+// storage_write.cpp.
 #include "storage.h"
 
 #include <dlfcn.h>
@@ -249,9 +250,10 @@ void Part::values(const uint32_t* rows, uint32_t count, Value* values) {
 std::shared_ptr<Part> SegmentColumns::part(int column) {
   Entry& entry = entries_[static_cast<size_t>(column)];
   if (entry.part != nullptr) return entry.part;
-  const std::shared_ptr<Part> part = table_.load(entry, nrows_, table_.name() + "." +
-                                     table_.columns()[static_cast<size_t>(column)].name + ", segment " +
-                                     std::to_string(id_) + ": ");
+  const std::shared_ptr<Part> part =
+      table_.load(entry, nrows_,
+                  table_.name() + "." + table_.columns()[static_cast<size_t>(column)].name + ", segment " +
+                      std::to_string(id_) + ": ");
   entry.part = part;
   const bool blocked = entry.record.form > KDZK_HOST_PLAIN_FORMS;
   table_.connection().keep(shared_from_this(), column,
@@ -310,7 +312,8 @@ std::shared_ptr<const Dictionary> Table::dictionary(int64_t id) {
 }
 
 uint64_t Table::dictionary_bytes(int64_t id) {
-  const Borrowed read = prepared("dictionary_bytes", "SELECT length(bytes) FROM " + shadow("dictionaries") + " WHERE id = ?1");
+  const Borrowed read =
+      prepared("dictionary_bytes", "SELECT length(bytes) FROM " + shadow("dictionaries") + " WHERE id = ?1");
   const uint64_t bytes = read->bind(1, id).step() ? static_cast<uint64_t>(read->integer(0)) : 0;
   return bytes;
 }
@@ -330,8 +333,7 @@ std::shared_ptr<Part> Table::load(const SegmentColumns::Entry& entry, uint32_t n
   const uint32_t status = kdzk_host_column_check(&connection_.library(), &entry.record, nrows, padded.data(), size,
                                                  coded ? &of_codes->kit() : nullptr, &report);
   if (status == KDZK_HOST_NO_MEMORY) throw Error(SQLITE_NOMEM, "out of memory");
-  if (status != KDZK_HOST_DONE)
-    throw_malformed(place + report.reason + " at byte " + std::to_string(report.offset));
+  if (status != KDZK_HOST_DONE) throw_malformed(place + report.reason + " at byte " + std::to_string(report.offset));
   return std::make_shared<Part>(connection_, entry.record, std::move(padded), std::move(of_codes));
 }
 
@@ -359,13 +361,14 @@ std::shared_ptr<Snapshot> Table::read_snapshot() {
     if (snapshot_->tail) earlier.erase(snapshot_->segments.back()->id());
   }
   auto result = std::make_shared<Snapshot>();
-  const Borrowed data = prepared("records", "SELECT id, seg, col, dict, record FROM " + shadow("data") +
-                                            " ORDER BY id");
+  const Borrowed data =
+      prepared("records", "SELECT id, seg, col, dict, record FROM " + shadow("data") + " ORDER BY id");
   const Borrowed read = prepared("segments", "SELECT id, nrows, deleted FROM " + shadow("segments") + " ORDER BY id");
   while (read->step()) {
     const int64_t id = read->integer(0), nrows = read->integer(1);
     const std::string place = name_ + ", segment " + std::to_string(id) + ": ";
-    if (id < 0 || id > max_segment || nrows < 1 || nrows > segment_rows) throw_malformed(place + "impossible row count");
+    if (id < 0 || id > max_segment || nrows < 1 || nrows > segment_rows)
+      throw_malformed(place + "impossible row count");
     auto columns = std::make_shared<SegmentColumns>(*this, id, static_cast<uint32_t>(nrows));
     for (size_t column = 0; column < columns_.size(); column++) {
       if (!data->step()) throw_malformed(place + "a column is missing");

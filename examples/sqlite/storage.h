@@ -165,8 +165,8 @@ class Dictionary {
   std::vector<Value> values_;
 };
 
-// A column of a segment, checked and ready for kernels. bound().input is what they take as `input`, with bound().enc_ctx
-// and the padding; results of other kernels than predicates (which Query runs) are the caller's.
+// A column of a segment, checked and ready for kernels. bound().input is what they take as `input`, with
+// bound().enc_ctx and the padding; results of other kernels than predicates (which Query runs) are the caller's.
 class Part {
  public:
   Part(Connection& connection, const kdzk_host_column& record, std::vector<uint64_t> padded_bytes,
@@ -323,8 +323,8 @@ class Table {
   std::unordered_map<int64_t, std::shared_ptr<const Dictionary>> dictionaries_;
   std::shared_ptr<Snapshot> snapshot_;
   int64_t stamp_ = 0;
-  bool changed_ = false;  // a stamp is to be drawn
-  int64_t next_rowid_ = 0, tail_base_ = 0;  // 0: not known
+  bool changed_ = false;                                // a stamp is to be drawn
+  int64_t next_rowid_ = 0, tail_base_ = 0;              // 0: not known
   std::map<int64_t, std::vector<uint32_t>> deletions_;  // by segment: rows not stored as deleted yet
 };
 

@@ -166,8 +166,7 @@ void Table::store_segment(int64_t id, uint32_t nrows, const std::vector<uint64_t
   std::vector<uint64_t> blob;
   if (live < nrows) {
     std::vector<uint64_t> deleted((nrows + 63) / 64);
-    for (uint32_t row = 0; row < nrows; row++)
-      deleted[row / 64] |= (~live_bits[row / 64] >> row % 64 & 1) << row % 64;
+    for (uint32_t row = 0; row < nrows; row++) deleted[row / 64] |= (~live_bits[row / 64] >> row % 64 & 1) << row % 64;
     blob = stored_deletions(id, deleted);
     insert->bind_blob(4, blob.data(), 8 * blob.size());
   } else {
@@ -205,7 +204,7 @@ void Table::pack(Rows& rows, const std::vector<uint64_t>& live_bits, uint32_t li
     }
     packers.push_back(std::make_unique<Packer>(rows.column(column), columns_[column], earlier));
     const Dictionary* const used = packers.back()->dictionary().get();
-    dictionaries.push_back(used == nullptr   ? 0
+    dictionaries.push_back(used == nullptr  ? 0
                            : used->id() > 0 ? used->id()
                                             : store_dictionary(static_cast<int>(column), *used));
   }
@@ -226,7 +225,8 @@ int64_t Table::next_rowid() {
     const Borrowed last = prepared("last_segment", "SELECT max(id) FROM " + shadow("segments"));
     last->step();
     const bool none = sqlite3_column_type(last->get(), 0) == SQLITE_NULL;
-    if (!none && (last->integer(0) < 0 || last->integer(0) > max_segment)) throw_malformed(name_ + ": too many segments");
+    if (!none && (last->integer(0) < 0 || last->integer(0) > max_segment))
+      throw_malformed(name_ + ": too many segments");
     tail_base_ = none ? 0 : (last->integer(0) + 1) * segment_rows;
     const Borrowed tail = prepared("last_row", "SELECT max(id) FROM " + shadow("tail"));
     tail->step();
@@ -243,8 +243,8 @@ int64_t Table::insert(const std::vector<Value>& values, const int64_t* rowid) {
   const int64_t next = next_rowid();
   if (rowid != nullptr && *rowid != next)
     throw Error(SQLITE_CONSTRAINT_ROWID, name_ + " numbers its rows itself: the next rowid is " + std::to_string(next));
-  const Borrowed insert = prepared("insert", "INSERT INTO " + shadow("tail") + " VALUES(?1" +
-                                             column_list(columns_.size(), "?", 2) + ")");
+  const Borrowed insert =
+      prepared("insert", "INSERT INTO " + shadow("tail") + " VALUES(?1" + column_list(columns_.size(), "?", 2) + ")");
   insert->bind(1, next);
   std::deque<std::string> texts;
   for (size_t column = 0; column < columns_.size(); column++) {
@@ -261,8 +261,8 @@ int64_t Table::insert(const std::vector<Value>& values, const int64_t* rowid) {
 bool Table::replace(int64_t rowid, const std::vector<Value>& values) {
   next_rowid();
   if (rowid <= tail_base_) return false;
-  const Borrowed replace = prepared("replace", "REPLACE INTO " + shadow("tail") + " VALUES(?1" +
-                                                   column_list(columns_.size(), "?", 2) + ")");
+  const Borrowed replace =
+      prepared("replace", "REPLACE INTO " + shadow("tail") + " VALUES(?1" + column_list(columns_.size(), "?", 2) + ")");
   replace->bind(1, rowid);
   std::deque<std::string> texts;
   for (size_t column = 0; column < columns_.size(); column++) {
@@ -308,8 +308,7 @@ void Table::flush() {
     const int64_t nrows = read->integer(0);
     std::vector<uint64_t> deleted(nrows < 1 || nrows > segment_rows ? 0 : static_cast<size_t>(nrows + 63) / 64);
     const bool has = sqlite3_column_type(read->get(), 1) != SQLITE_NULL;
-    if (deleted.empty() ||
-        (has && !read_deletions(read->blob(1), segment, static_cast<uint32_t>(nrows), deleted)))
+    if (deleted.empty() || (has && !read_deletions(read->blob(1), segment, static_cast<uint32_t>(nrows), deleted)))
       throw_malformed(name_ + ": the list of deleted rows is broken");
     for (const uint32_t row : rows) {
       if (row < nrows) deleted[row / 64] |= uint64_t{1} << row % 64;
@@ -317,8 +316,8 @@ void Table::flush() {
     uint32_t count = 0;
     connection_.library().bv64.bv_count(&count, deleted.data(), static_cast<uint64_t>(nrows));
     const std::vector<uint64_t> blob = stored_deletions(segment, deleted);
-    const Borrowed update = prepared("delete", "UPDATE " + shadow("segments") +
-                                               " SET ndeleted = ?2, deleted = ?3 WHERE id = ?1");
+    const Borrowed update =
+        prepared("delete", "UPDATE " + shadow("segments") + " SET ndeleted = ?2, deleted = ?3 WHERE id = ?1");
     update->bind(1, segment).bind(2, int64_t{count}).bind_blob(3, blob.data(), 8 * blob.size()).run();
   }
   deletions_.clear();

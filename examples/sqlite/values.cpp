@@ -193,8 +193,9 @@ Value value_of(const kdzk_host_value& value) {
   if (value.type == KDZK_HOST_INTEGER) return Value::of(value.integer);
   if (value.type == KDZK_HOST_DOUBLE) return Value::of(value.number);
   if (value.type != KDZK_HOST_TEXT) return {};
-  return Value::of(value.text.size == 0 ? std::string_view("")
-                                        : std::string_view(static_cast<const char*>(value.text.bytes), value.text.size));
+  return Value::of(value.text.size == 0
+                       ? std::string_view("")
+                       : std::string_view(static_cast<const char*>(value.text.bytes), value.text.size));
 }
 
 std::string mixed_key_below(const Value& value) {

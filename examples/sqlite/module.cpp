@@ -594,7 +594,12 @@ void find_rows(Cursor& cursor) {
     const int64_t last = std::min<int64_t>(nrows, cursor.last_rowid - segment.rowid(0) + 1) - 1;
     if (first > last) continue;
     uint32_t hits = 0;
-    if (first > 0 || last + 1 < nrows) {
+    if (first == last && cursor.query->has_no_conditions()) {
+      const uint64_t* const live = segment.filter();
+      hits = live == nullptr || (live[first / 64] >> first % 64 & 1) != 0;
+      std::fill(cursor.bits.begin(), cursor.bits.end(), 0);
+      cursor.bits[static_cast<size_t>(first) / 64] = uint64_t{1} << first % 64;
+    } else if (first > 0 || last + 1 < nrows) {
       std::fill(cursor.range.begin(), cursor.range.end(), 0);
       connection.library().bv64.set_range(cursor.range.data(), static_cast<uint64_t>(first),
                                           static_cast<uint64_t>(last));

@@ -87,18 +87,18 @@ double guessed_share(const Condition& condition, double values) {
 
 bool is_below(const Value& a, const Value& b) { return compare(a, b) < 0; }
 
-// "kdzk_ge_le_dict_11bit_null" as "ge_le 11bit_null".
-std::string short_name(std::string name) {
-  if (name.rfind("kdzk_", 0) == 0) name = name.substr(5);
-  if (const size_t at = name.find("_dict_"); at != std::string::npos) return name.replace(at, 6, " ");
-  for (const char* const form : {"_fixed_", "_dynp_"}) {
+// "kdzk_ge_le_dict_11bit_null" as "ge_le 11bit_null", "kdzk_eq_fixed_16bit" as "eq fixed 16bit".
+std::string short_name(std::string_view name) {
+  name.remove_prefix(std::min(name.size(), std::string_view("kdzk_").size()));
+  for (const std::string_view form : {"_dict_", "_fixed_", "_dynp_"}) {
     const size_t at = name.find(form);
-    if (at == std::string::npos) continue;
-    name[at] = ' ';
-    name[name.find('_', at)] = ' ';
-    break;
+    if (at == std::string_view::npos) continue;
+    std::string text(name.substr(0, at));
+    text += ' ';
+    if (form != "_dict_") text.append(form.substr(1, form.size() - 2)) += ' ';
+    return text.append(name.substr(at + form.size()));
   }
-  return name;
+  return std::string(name);
 }
 
 }  // namespace

@@ -45,6 +45,8 @@ class Query {
   // The same in addition to a selection of rows, which may be null.
   uint32_t scan(const Segment& segment, const uint64_t* selection, uint32_t selected, uint64_t* bits);
 
+  bool has_no_conditions() const { return conditions_.empty(); }
+
   // The kernels for a segment, in their order: "ge_le 11bit(delay), set 8bit(origin) selective".
   std::string plan(const Segment& segment);
   double planned_share() const { return planned_share_; }  // of the rows, roughly, after plan()

@@ -169,7 +169,10 @@ bool Query::add_step(const Condition& condition, size_t index, const Segment& se
   const int64_t dictionary_id = segment.dictionary_id(condition.column);
   Step step;
   step.condition = &condition;
-  if (!condition.known) {
+  // A plan doesn't ask a pattern of a million entries.
+  const bool too_long = planning_ && condition.kind == Condition::Kind::match && dictionary_id > 0 &&
+                        table_.dictionary(dictionary_id)->size() > segment_rows;
+  if (!condition.known || too_long) {
     const std::shared_ptr<Part> part = segment.part(condition.column);
     const bool set = condition.kind != Condition::Kind::compare;
     step.by_row = set && !part->is_coded();
@@ -328,7 +331,10 @@ uint32_t Query::scan(const Segment& segment, const uint64_t* selection, uint32_t
 std::string Query::plan(const Segment& segment) {
   std::string text;
   planned_share_ = 0.01;
-  if (!prepare(segment)) return "no row of the first segment";
+  planning_ = true;
+  const bool some = prepare(segment);
+  planning_ = false;
+  if (!some) return "no row of the first segment";
   double& share = planned_share_ = 1;
   for (const Step& step : steps_) {
     const int column = step.condition->column;

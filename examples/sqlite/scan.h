@@ -80,6 +80,7 @@ class Query {
   std::vector<std::shared_ptr<const Dictionary>> held_;  // so that their addresses aren't used again
   std::vector<Step> steps_;
   std::vector<uint64_t> scratch_;
+  bool planning_ = false;
   double planned_share_ = 1;
   std::vector<uint32_t> rows_;
 };

@@ -3,6 +3,7 @@
 // rollbacks and in other connections, and after a byte of any blob was changed: then the same rows or an error.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <random>
@@ -160,6 +161,12 @@ class Generator {
   std::mt19937 random_;
 };
 
+std::string new_path(const std::string& name) {
+  const std::string path = testing::TempDir() + "kdzk_" + std::to_string(getpid()) + "_" + name + ".db";
+  std::remove(path.c_str());
+  return path;
+}
+
 constexpr const char* column_types = "i INTEGER, r REAL, t TEXT, n, u INTEGER, s INTEGER, x NUMERIC";
 
 std::string with_table(std::string query, const std::string& table) {
@@ -222,8 +229,7 @@ TEST(PackedTable, AnswersOverSegments) {
 
 TEST(PackedTable, ImplementsTransactions) {
   Generator generate(5);
-  const std::string path = testing::TempDir() + "kdzk_transactions.db";
-  std::remove(path.c_str());
+  const std::string path = new_path("transactions");
   {
     Database db(path), second(path);
     make_tables(db, generate, 500, "");
@@ -318,8 +324,7 @@ TEST(PackedTable, NamesKernelsInThePlan) {
 // Every blob of a table in turn, at every so many bytes.
 TEST(PackedTable, SurvivesAnyChangedByte) {
   Generator generate(9);
-  const std::string path = testing::TempDir() + "kdzk_bytes.db";
-  std::remove(path.c_str());
+  const std::string path = new_path("bytes");
   std::vector<std::string> queries, expected;
   std::vector<std::string> blobs;  // table, column, rowid
   {

@@ -2,6 +2,7 @@
 // The extension's entry. `.load ./kdzk` in the shell of SQLite, or sqlite3_load_extension, comes here.
 #include <exception>
 
+#include "functions.h"
 #include "module.h"
 #include "storage.h"
 
@@ -17,7 +18,8 @@ extern "C" __attribute__((visibility("default"))) int sqlite3_kdzk_init(sqlite3*
   }
   try {
     const auto connection = std::make_shared<packed::Connection>(db);
-    return packed::register_module(connection);
+    const int code = packed::register_module(connection);
+    return code == SQLITE_OK ? packed::register_functions(db, connection) : code;
   } catch (const std::exception& error) {
     *message = sqlite3_mprintf("%s", error.what());
     return SQLITE_ERROR;

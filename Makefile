@@ -4,11 +4,12 @@
 # is CMake's.
 BUILD = build
 JOBS = $(shell nproc)
+FLIGHTS = examples/data/flights.csv
 
 .PHONY: help demo test bench clean
 
 help:
-	@echo 'make demo    build the library and the example, and ask it about real flights'
+	@echo 'make demo    build the library and the examples, and ask them about real flights; FLIGHTS=file.csv for others'
 	@echo 'make test    build everything and run all tests'
 	@echo 'make bench   measure the kernels'
 	@echo 'make clean   remove $(BUILD)/'
@@ -16,8 +17,9 @@ help:
 demo:
 	tools/setup.sh demo
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
-	cmake --build $(BUILD) --target kdzk-ask --parallel $(JOBS)
+	cmake --build $(BUILD) --target kdzk-ask --target kdzk_sqlite --parallel $(JOBS)
 	$(BUILD)/examples/kdzk-ask --demo examples/data
+	examples/sqlite/demo.sh $(BUILD)/examples/sqlite/kdzk.so $(FLIGHTS)
 
 test:
 	tools/setup.sh test

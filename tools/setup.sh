@@ -10,8 +10,9 @@
 set -eu
 
 case "${1-}" in
-  demo) needed="g++ cmake libcsv-dev robin-map-dev" ;;
-  test) needed="g++ cmake libcsv-dev robin-map-dev libgtest-dev libbenchmark-dev liblz4-dev wamerican binutils pkg-config" ;;
+  demo) needed="g++ cmake libcsv-dev robin-map-dev sqlite3 libsqlite3-dev" ;;
+  test) needed="g++ cmake libcsv-dev robin-map-dev sqlite3 libsqlite3-dev libgtest-dev libbenchmark-dev liblz4-dev wamerican
+               binutils pkg-config" ;;
   bench) needed="g++ cmake libcsv-dev robin-map-dev libbenchmark-dev liblz4-dev libabsl-dev libboost1.81-dev libxxhash-dev" ;;
   *)
     echo "usage: $0 demo|test|bench" >&2

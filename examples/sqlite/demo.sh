@@ -70,7 +70,8 @@ sqlite3 ordinary.db 'CREATE INDEX flights_by_route ON flights(origin, destinatio
 say 'A dozen questions to both'
 cat <<TEXT
 "rows" goes through the virtual table, which hands each row that is left to SQLite; "inside" is a table-valued function
-that counts, groups or joins codes. Each is asked twice, and the faster time counts: processor time, with all of both files in memory.
+that counts, groups or joins codes. Each is asked twice, and the faster time counts: processor time, with both files in
+memory.
 TEXT
 cat > questions.sql <<'SQL'
 CREATE TEMP TABLE questions(number INTEGER PRIMARY KEY, question TEXT, how TEXT, ordinary TEXT, packed TEXT);

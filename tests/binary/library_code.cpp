@@ -145,6 +145,7 @@ struct Frame {
   const char* reason;
 };
 constexpr Frame documented[] = {
+    {"join/bloom.cpp", "test_selected", 6 * 1024, "rows, numbers and addresses of a batch of 256 rows"},
     {"join/partition.cpp", "partition", 17 * 1024, "hashes of a batch of 1024 rows, and where its values begin"},
     {"join/ht_build.cpp", "build_into", 17 * 1024, "hashes of a batch of 1024 rows, and where its values begin"},
     {"join/ht_probe.cpp", "probe_in", 17 * 1024, "hashes of a batch of 1024 rows, and where its values begin"},

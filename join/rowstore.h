@@ -140,8 +140,13 @@ inline void copy_exactly(uint8_t* to, const uint8_t* from, uint64_t n) {
   }
 }
 
-alignas(16) inline constexpr uint8_t nothing[16] =
-    {};  // what an empty value is read from, as its own address may be anything
+// What an empty value is read from, as its own address may be anything.
+alignas(16) inline constexpr uint8_t nothing[16] = {};
+
+// 16 bytes of one page of memory, not all of which need be part of what a host has allocated.
+__attribute__((no_sanitize_address)) inline __m128i load16_of_page(const uint8_t* from) {
+  return *reinterpret_cast<const __m128i_u*>(from);
+}
 
 // The bytes of a value. What is behind them, up to `end`, is still to be written and may be overwritten, which is how
 // a short value takes one load and one store, whatever its length: no branch that depends on it is ever guessed wrong.
@@ -150,7 +155,7 @@ inline void copy_value(uint8_t* to, const Value& value, const uint8_t* end) {
   const uint8_t* const from = value.length == 0 ? nothing : value.at;
   const bool in_page = reinterpret_cast<uint64_t>(from) % 4096 <= 4096 - 16;
   if ((value.length <= 16) & in_page & (end - to >= 16)) {
-    store(to, load<__m128i>(from));
+    store(to, load16_of_page(from));
   } else {
     copy_exactly(to, value.at, value.length);
   }

@@ -251,6 +251,7 @@ TEST(PartitionRecordFormat, IsAsDescribed) {
   uint32_t key = 11;
   uint64_t id = 100;
   Bytes payload = {'o', 'a', 'k', 's'};
+  payload.resize(payload.size() + KDZK_PADDING);
   const std::pair<const char*, uint8_t> layouts[] = {
       {"A", KDZK_PART_A}, {"B", KDZK_PART_B}, {"C", KDZK_PART_C}, {"D", KDZK_PART_D}};
   for (const auto& [name, flags] : layouts) {

@@ -173,15 +173,15 @@ uint64_t between(kdzk_vec* result, const kdzk_vec* input, const kdzk_kargs* low,
   template uint64_t compare<family, op>(kdzk_vec*, const kdzk_vec*, const kdzk_kargs*, kdzk_exec*);
 #define KDZK_BETWEEN(family, op) \
   template uint64_t between<family, op>(kdzk_vec*, const kdzk_vec*, const kdzk_kargs*, const kdzk_kargs*, kdzk_exec*);
-#define KDZK_PREDICATES(...)                                                                                     \
-  KDZK_COMPARE(__VA_ARGS__, Op::eq)                                                                              \
-  KDZK_COMPARE(__VA_ARGS__, Op::lt)                                                                              \
-  KDZK_COMPARE(__VA_ARGS__, Op::gt)                                                                              \
-  KDZK_COMPARE(__VA_ARGS__, Op::le)                                                                              \
-  KDZK_COMPARE(__VA_ARGS__, Op::ge)                                                                              \
-  KDZK_COMPARE(__VA_ARGS__, Op::ne)                                                                              \
-  KDZK_BETWEEN(__VA_ARGS__, Op::gt_lt) KDZK_BETWEEN(__VA_ARGS__, Op::gt_le) KDZK_BETWEEN(__VA_ARGS__, Op::ge_lt) \
-      KDZK_BETWEEN(__VA_ARGS__, Op::ge_le)
+#define KDZK_PREDICATES(...)           \
+  KDZK_COMPARE(__VA_ARGS__, Op::eq)    \
+  KDZK_COMPARE(__VA_ARGS__, Op::lt)    \
+  KDZK_COMPARE(__VA_ARGS__, Op::gt)    \
+  KDZK_COMPARE(__VA_ARGS__, Op::le)    \
+  KDZK_COMPARE(__VA_ARGS__, Op::ge)    \
+  KDZK_COMPARE(__VA_ARGS__, Op::ne)    \
+  KDZK_BETWEEN(__VA_ARGS__, Op::gt_lt) \
+  KDZK_BETWEEN(__VA_ARGS__, Op::gt_le) KDZK_BETWEEN(__VA_ARGS__, Op::ge_lt) KDZK_BETWEEN(__VA_ARGS__, Op::ge_le)
 
 }  // namespace kdzk
 

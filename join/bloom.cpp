@@ -15,7 +15,7 @@
 // itself, as nothing of this jumps on the answers of single rows. A list of rows is made from words of the selection
 // here and not by the walk of the bit vector services, which takes as long for a row as its look-up in a small filter.
 //
-// Measured on Zen 4, g++ 12 (kdzk_bench, bloom_*), selecting one row in two: lists of whole bytes and bringing the
+// Timed on a busy Zen 4, g++ 12, old and new in turn, selecting one row in two: lists of whole bytes and bringing the
 // hashes together take 0.7 of the time of counting zeros and gathering hashes where they are looked up; in a filter of
 // 64 MiB keeping the addresses between the passes takes 0.8 of the time of finding them twice; fetching the column
 // ahead 0.8, with elements of 8 bytes.

@@ -17,8 +17,7 @@
 //      written by a later row of the turn, and the last rows exactly.
 //
 // Pass 1 has no branch on the data, so that the processor has as many cache misses under way as it can hold; passes 2
-// and 3 miss no more. Fetching the entries too in a pass of their own gained nothing (Zen 4, g++ 12; kdzk_bench,
-// ht_gather_pages_32_to_*/2Mi).
+// and 3 miss no more. Fetching the entries too in a pass of their own gave no clear gain (a busy Zen 4, g++ 12).
 //
 // Invariants. Locators and entries are read ahead of the row at which a call stops, values are not but for being
 // fetched. Of a row without room nothing is written, nor behind the last row written.

@@ -30,8 +30,8 @@ namespace {
 
 // The partitions of several rows are computed before the first of them is placed, and the line behind the one that a
 // record goes to is fetched. As multiples of a bare scatter loop's speed, over 8 million stored hashes in 256
-// partitions 1.56 with the fetch and 1.22 without, over 64 thousand 0.92 and 1.04 (AMD EPYC, g++ 12; kdzk_bench,
-// partition_rows/a_hashes_implicit).
+// partitions 1.56 with the fetch and 1.22 without, over 64 thousand 0.92 and 1.04 (a busy AMD EPYC, g++ 12, one run
+// each).
 constexpr uint32_t rows_at_once = 4;
 constexpr uint32_t bytes_ahead = 64;
 

@@ -148,7 +148,7 @@ class SixteenPlaces {
   // `codes(i)` gives the codes of the rows from 4 * i on. `stored` is where the codes of all 16 lie, big-endian, if
   // they do. Then paged tables take them from there, a row at a time: two numbers a row out of the vectors and the
   // insertions would keep the same units busy. Of the time of kdzk_xlate_ind_*, 0.9 with elements up to 8 bits, 0.96
-  // with larger ones (Zen 4, g++ 12; kdzk_bench, xlate_ind_*/64Ki).
+  // with larger ones (a busy Zen 4, g++ 12, both in turn).
   template <class Codes>
   [[gnu::always_inline]] SixteenPlaces(const Table& table, const Codes& codes, const uint8_t* stored = nullptr)
       : table_(table), stored_(stored) {

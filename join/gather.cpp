@@ -100,7 +100,7 @@ constexpr uint32_t rows_per_turn = 64;
 
 // How many of n rows fit, each of which needs `size` bytes.
 inline uint32_t rows_with_room(uint64_t room, uint32_t size, uint32_t n) {
-  return size == 0 || room / size >= n ? n : static_cast<uint32_t>(room / size);
+  return room / size >= n ? n : static_cast<uint32_t>(room / size);
 }
 
 // Bytes. A form says what of a value is copied, and what stands before it or beside it.
@@ -234,9 +234,9 @@ uint64_t gather_located(const kdzk_vec* out, const kdzk_vec* in, const kdzk_rows
     }
   }
   if ((in->enc_ctx->flags & KDZK_PROBE_PAIRS) != 0) {
-    const bool word0 = exec != nullptr && (exec->flags & KDZK_EX_PAIR_WORD0) != 0;
-    return word0 ? gather<Located<Pages, PairWords<0>>, Out>(out, in, row_store, exec)
-                 : gather<Located<Pages, PairWords<1>>, Out>(out, in, row_store, exec);
+    return (exec->flags & KDZK_EX_PAIR_WORD0) != 0
+               ? gather<Located<Pages, PairWords<0>>, Out>(out, in, row_store, exec)
+               : gather<Located<Pages, PairWords<1>>, Out>(out, in, row_store, exec);
   }
   return KDZK_UNSUPPORTED;
 }

@@ -230,6 +230,9 @@ TEST_P(DecodeUnpack, SelectionsGiveTheirRowsOnBothRoads) {
         const auto one = c->call(1);
         const auto first = std::find(selected.begin(), selected.end(), true) - selected.begin();
         EXPECT_EQ(c->exec.row, one.codes.empty() ? nrows - 1 : static_cast<uint32_t>(first));
+        c->exec.row = nrows;
+        EXPECT_TRUE(c->call(3).codes.empty());
+        EXPECT_EQ(c->exec.row, nrows - 1);
         // Without room: a walk goes one back, blocks stay, runs are done.
         c->exec.row = 9;
         c->exec.run = {};

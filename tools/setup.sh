@@ -7,6 +7,7 @@
 #   tools/setup.sh demo   for the library and the example
 #   tools/setup.sh test   for the tests and benchmarks too
 #   tools/setup.sh bench  for all that the benchmarks compare with
+#   tools/setup.sh coverage  for tools/coverage.py, besides what the tests need
 set -eu
 
 case "${1-}" in
@@ -14,8 +15,9 @@ case "${1-}" in
   test) needed="g++ cmake libcsv-dev robin-map-dev sqlite3 libsqlite3-dev libgtest-dev libbenchmark-dev liblz4-dev wamerican
                binutils pkg-config" ;;
   bench) needed="g++ cmake libcsv-dev robin-map-dev libbenchmark-dev liblz4-dev libabsl-dev libboost1.81-dev libxxhash-dev" ;;
+  coverage) needed="clang llvm libclang-rt-14-dev" ;;
   *)
-    echo "usage: $0 demo|test|bench" >&2
+    echo "usage: $0 demo|test|bench|coverage" >&2
     exit 2
     ;;
 esac

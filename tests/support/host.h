@@ -29,6 +29,7 @@ class GuardedBuffer {
   uint8_t* data() { return data_; }
   const uint8_t* data() const { return data_; }
   size_t size() const { return size_; }
+  std::span<uint8_t> inside() const;  // everything between the two pages
 
  private:
   uint8_t* map_;
@@ -133,6 +134,9 @@ class RecordingHost {
                              uint32_t capacity);
   friend void record_error(void*, uint64_t, const char*, uint64_t);
 };
+
+// What hostinternalerr does in this thread, if it isn't for the RecordingHost.
+extern thread_local void (*on_internal_error)();
 
 // Names the case that runs, for the report of a fault inside a kernel.
 void now_running(const std::string& what);

@@ -6,7 +6,7 @@
 
 namespace kdzk_test {
 
-uint64_t hash_calls = 0;
+thread_local uint64_t hash_calls = 0;
 
 uint64_t plain_hash(const void* key, uint32_t length, uint64_t seed) {
   hash_calls++;
@@ -47,11 +47,13 @@ std::vector<Bytes> random_values(uint32_t form, uint32_t n, uint32_t size, Rando
   return values;
 }
 
-uint8_t* ValueColumn::keep(const Bytes& bytes, size_t slack) {
-  return buffers_.emplace_back(std::span(bytes), slack).data();
-}
+ValueColumn::ValueColumn(uint32_t form, const std::vector<Bytes>& values, Random& random, uint32_t dict_width)
+    : ValueColumn(
+          [this](const Bytes& bytes, size_t slack) { return buffers_.emplace_back(std::span(bytes), slack).data(); },
+          form, values, random, dict_width) {}
 
-ValueColumn::ValueColumn(uint32_t form, const std::vector<Bytes>& values, Random& random, uint32_t dict_width) {
+ValueColumn::ValueColumn(Keep k, uint32_t form, const std::vector<Bytes>& values, Random& random, uint32_t dict_width)
+    : keep(std::move(k)) {
   enc.flags = form;
   vec.enc_ctx = &enc;
   vec.nrows = static_cast<uint32_t>(values.size());

@@ -4,6 +4,7 @@
 #define TESTS_SUPPORT_VALUE_COLUMNS_H
 
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,7 @@ using Bytes = std::vector<uint8_t>;
 
 // The hash function that tests hand to the library, and how often it was called since somebody set this to 0.
 uint64_t plain_hash(const void* key, uint32_t length, uint64_t seed);
-extern uint64_t hash_calls;
+extern thread_local uint64_t hash_calls;
 
 std::string form_name(uint32_t form);  // of one flag of kdzk_enc_ctx.flags
 
@@ -29,6 +30,9 @@ std::vector<Bytes> random_values(uint32_t form, uint32_t n, uint32_t size, Rando
 class ValueColumn {
  public:
   ValueColumn(uint32_t form, const std::vector<Bytes>& values, Random& random, uint32_t dict_width = 0);
+  // The same with streams in memory of the caller's, to whom each is given with its slack.
+  using Keep = std::function<uint8_t*(const Bytes& bytes, size_t slack)>;
+  ValueColumn(Keep keep, uint32_t form, const std::vector<Bytes>& values, Random& random, uint32_t dict_width = 0);
   ValueColumn(const ValueColumn&) = delete;
 
   kdzk_enc_ctx enc{};
@@ -38,10 +42,10 @@ class ValueColumn {
   const std::vector<uint64_t>& positions() const { return positions_; }
 
  private:
-  uint8_t* keep(const Bytes& bytes, size_t slack);
   void store_dictionary(const std::vector<Bytes>& values, uint32_t width, Random& random);
 
   std::deque<GuardedBuffer> buffers_;
+  Keep keep;
   std::vector<uint64_t> positions_;
 };
 

@@ -36,6 +36,13 @@ void mark(const uint8_t* from, const uint8_t* to, Memory as) {
 #endif
 }
 
+// What a call gave has a value.
+void expect_defined([[maybe_unused]] const void* from, [[maybe_unused]] size_t size) {
+#if defined(VALGRIND_CHECK_MEM_IS_DEFINED)
+  VALGRIND_CHECK_MEM_IS_DEFINED(from, size);
+#endif
+}
+
 }  // namespace
 
 // ---- Buffers ----
@@ -111,6 +118,10 @@ void Stage::counts(const void* out, size_t size) {
   for (Buffer& buffer : outs_) {
     if (buffer.data == out) buffer.counted = 8 * size;
   }
+}
+
+void Stage::has_value(const void* out, size_t size) {
+  mark(static_cast<const uint8_t*>(out), static_cast<const uint8_t*>(out) + size, Memory::usable);
 }
 
 uint8_t* Stage::built(size_t size, const std::function<void(uint8_t*)>& fill) {
@@ -195,6 +206,11 @@ uint32_t Stage::expand_runs(const kdzk_env* env, kdzk_vec* result, const kdzk_ve
 
 // ---- What came of it ----
 
+void Stage::saw(uint64_t number) {
+  expect_defined(&number, sizeof number);
+  numbers_.push_back(number);
+}
+
 void Stage::rows(const uint64_t* bits, uint64_t nrows) {
   for (uint64_t r = 0; r < nrows; r++) rows_.push_back(reinterpret_cast<const uint8_t*>(bits)[r / 8] >> r % 8 & 1);
 }
@@ -223,7 +239,8 @@ Stage::Outcome Stage::outcome() {
     for (const Buffer& buffer : *buffers) {
       if (!buffer.memory || buffer.memory->inside().empty()) continue;
       const auto inside = buffer.memory->inside();
-      mark(inside.data(), inside.data() + inside.size(), Memory::usable);
+      mark(inside.data(), buffer.data, Memory::usable);
+      mark(buffer.data + buffer.size, inside.data() + inside.size(), Memory::usable);
       const auto is_padding = [&](uint8_t byte) { return byte == around_.padding; };
       if (!std::all_of(inside.data(), buffer.data, is_padding) ||
           !std::all_of(buffer.data + buffer.size, inside.data() + inside.size(), is_padding))
@@ -233,6 +250,7 @@ Stage::Outcome Stage::outcome() {
   for (const Buffer& buffer : outs_) {
     Bytes bytes(buffer.data, buffer.data + (buffer.counted + 7) / 8);
     if (buffer.counted % 8 != 0) bytes.back() = static_cast<uint8_t>(bytes.back() & ((1 << buffer.counted % 8) - 1));
+    expect_defined(bytes.data(), bytes.size());
     for (size_t at = 0; at + 8 <= bytes.size(); at += 8) {
       uint64_t word;
       std::memcpy(&word, &bytes[at], 8);

@@ -51,6 +51,7 @@ class Stage {
   uint8_t* out(const Bytes& before, size_t alignment = 1);
   uint64_t* out_bits(uint64_t nrows, bool cleared = false);  // of which only the bits of rows count
   void counts(const void* out, size_t size);                 // only so many bytes of it count
+  void has_value(const void* out, size_t size);              // whatever valgrind takes it for
   // What is filled once, by the first stage of those that share it.
   uint8_t* built(size_t size, const std::function<void(uint8_t*)>& fill);
 
@@ -82,7 +83,7 @@ class Stage {
 
   // ---- What came of it ----
 
-  void saw(uint64_t number) { numbers_.push_back(number); }
+  void saw(uint64_t number);
   // Rows and their values, in whatever way they were come by.
   void rows(const Bytes& bytes) { rows_.insert(rows_.end(), bytes.begin(), bytes.end()); }
   void rows(const uint64_t* bits, uint64_t nrows);

@@ -26,7 +26,7 @@ test:
 	tools/setup.sh test
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON
 	cmake --build $(BUILD) --parallel $(JOBS)
-	ctest --test-dir $(BUILD) --output-on-failure
+	ctest --test-dir $(BUILD) --output-on-failure --parallel $(JOBS)
 
 proof:
 	tools/setup.sh test

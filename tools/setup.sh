@@ -7,17 +7,17 @@
 #   tools/setup.sh demo   for the library and the example
 #   tools/setup.sh test   for the tests and benchmarks too
 #   tools/setup.sh bench  for all that the benchmarks compare with
-#   tools/setup.sh coverage  for tools/coverage.py, besides what the tests need
+#   tools/setup.sh proof  for the checks that take long, besides what the tests need
 set -eu
 
 case "${1-}" in
   demo) needed="g++ cmake libcsv-dev robin-map-dev sqlite3 libsqlite3-dev" ;;
   test) needed="g++ cmake libcsv-dev robin-map-dev sqlite3 libsqlite3-dev libgtest-dev libbenchmark-dev liblz4-dev wamerican
-               binutils pkg-config" ;;
+               binutils pkg-config valgrind qemu-user" ;;
   bench) needed="g++ cmake libcsv-dev robin-map-dev libbenchmark-dev liblz4-dev libabsl-dev libboost1.81-dev libxxhash-dev" ;;
-  coverage) needed="clang llvm libclang-rt-14-dev" ;;
+  proof) needed="clang llvm libclang-rt-14-dev python3" ;;
   *)
-    echo "usage: $0 demo|test|bench|coverage" >&2
+    echo "usage: $0 demo|test|bench|proof" >&2
     exit 2
     ;;
 esac

@@ -102,7 +102,8 @@ typedef struct kdzk_partdesc kdzk_partdesc;
 typedef struct kdzk_htdesc kdzk_htdesc;
 typedef struct kdzk_rowstore kdzk_rowstore;
 
-/* ---- Callbacks, all provided by the host. Any of them may leave by longjmp: the library holds nothing to undo. ----
+/* ---- Callbacks, all provided by the host. Any of them may leave by longjmp: the library holds nothing to undo. The
+ * slot of a vector that was being decompressed then holds a copy that isn't finished, and is the host's to empty. ----
  */
 
 /* Allocates the decompressed copy of a vector. `size` in bytes (kdzk_vec.decomp_size); the result must be aligned to 16

@@ -9,38 +9,19 @@
 
 #include "tests/support/format_docs.h"
 #include "tests/support/host.h"
+#include "tests/support/prefix_streams.h"
 
 namespace kdzk_test {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr int any_prefix = -1;
-
-// Random records, and a stream of them whose groups have this prefix or each a random one.
+// A random stream, and its records.
 struct Stream {
-  uint32_t width, count;
-  Bytes records, bytes;
-  std::vector<size_t> group_starts;
+  Bytes bytes, records;
 
-  Stream(uint32_t w, uint32_t c, int prefix, Random& random) : width(w), count(c) {
-    for (uint32_t first = 0; first < count; first += 16) {
-      const uint32_t n =
-          prefix == any_prefix ? static_cast<uint32_t>(random.below(width + 1)) : static_cast<uint32_t>(prefix);
-      uint8_t common[8];
-      for (uint8_t& byte : common) byte = static_cast<uint8_t>(random.bits());
-      group_starts.push_back(bytes.size());
-      bytes.push_back(static_cast<uint8_t>(n));
-      bytes.insert(bytes.end(), common, common + n);
-      for (uint32_t record = first; record < count && record < first + 16; record++) {
-        records.insert(records.end(), common, common + n);
-        for (uint32_t i = n; i < width; i++) {
-          records.push_back(static_cast<uint8_t>(random.bits()));
-          bytes.push_back(records.back());
-        }
-      }
-    }
-  }
+  Stream(uint32_t width, uint32_t count, int prefix, Random& random)
+      : bytes(random_prefix_stream(random, width, count, prefix)), records(prefix_plain_decode(bytes, count, width)) {}
 };
 
 struct Call {
@@ -166,10 +147,9 @@ TEST_P(PrefixRecords, AreWrittenShortest) {
     EXPECT_EQ(Call(padded.data(), width, count, out.data()).run(nullptr), KDZK_DONE);
     EXPECT_EQ(std::memcmp(out.data(), records.data(), records.size()), 0);
   }
-  Stream broken(width, 40, any_prefix, random);
-  EXPECT_EQ(kdzk_host_prefix_records_check(broken.bytes.data(), broken.bytes.size(), 40, width), broken.bytes.size());
-  for (const size_t start : broken.group_starts) {
-    Bytes bytes = broken.bytes;
+  for (const size_t start : {size_t{0}, size_t{1} + 16 * width, size_t{2} + 32 * width}) {  // of three groups
+    Bytes bytes = Stream(width, 40, 0, random).bytes;
+    EXPECT_EQ(kdzk_host_prefix_records_check(bytes.data(), bytes.size(), 40, width), bytes.size());
     bytes[start] = static_cast<uint8_t>(width + 1);
     EXPECT_EQ(kdzk_host_prefix_records_check(bytes.data(), bytes.size(), 40, width), KDZK_HOST_PREFIX_NO_STREAM);
   }

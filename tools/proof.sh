@@ -61,15 +61,15 @@ shown "One symbol out; in, the C library and hostinternalerr; nothing runs at lo
 shown "Hosts build against an installed copy, by CMake and by pkg-config" "$(ctest_of installed_package)"
 shown "4 KiB of stack, but for documented frames" "$(ctest_of library_stack)"
 
-# ---- Blocks from anywhere ----
-shown "A block that passes the check is safe to decode, and decodes as a plain decoder has it" "$(ctest_of sqzb_fuzz)"
+# ---- Bytes from anywhere ----
+shown "A block, prefix stream, run-length column or stream of codes that passes the host kit's check is safe to run, and \
+gives what a plain decoder gives" "$(ctest_of fuzz)"
 
 not_shown "The suite under the address and undefined-behaviour sanitizers: a build of its own, see CONTRIBUTING.md."
 not_shown "The whole suite on the emulated processor, not just a sample."
 not_shown "Threads that share a slot, a filter, a hash table or a bloom filter."
 not_shown "Columns at all 64 offsets in a cache line; two paddings that give one result, for every kernel and slot."
 not_shown "Callbacks that leave by \`longjmp\`."
-not_shown "Random prefix streams, run-length columns and packed codes: the check, and then the decoder."
 not_shown "Undefined slack under valgrind; branches taken; single changes of the library that no test notices."
 
 {

@@ -77,9 +77,10 @@ bool try_sqzb(View input) {
 
 Bytes make_sqzb(Random& random) {
   const auto width = static_cast<uint32_t>(random.below(random.below(4) == 0 ? 11 : 6));
-  Bytes block = random_sqzb_block(random, width, static_cast<uint32_t>(random.below(200)),
-                                  static_cast<uint32_t>(1 + random.below(8)))
-                    .bytes();
+  Bytes block =
+      random_sqzb_block(random, width, static_cast<uint32_t>(random.below(200)),
+                        static_cast<uint32_t>(1 + random.below(random.below(8) == 0 ? 9 : 8)))  // 9 is too long
+          .bytes();
   if (random.below(8) == 0) {  // or the writer's
     const Bytes data = sqzb_plain_decode(block);
     const auto size = static_cast<uint32_t>(data.size());
@@ -104,6 +105,7 @@ bool try_prefix_records(View input) {
   const uint32_t whole = kdzk_host_check_prefix_records(exact.data(), given.size(), count, width, nullptr);
   require(given.empty() || (whole == KDZK_HOST_DONE) == (size == given.size()), "both checks say the same");
   if (size == KDZK_HOST_PREFIX_NO_STREAM) return false;
+  require(size <= given.size(), "a stream that passed is all there");
   const GuardedBuffer stream(given.first(size), KDZK_PADDING, behind);
   GuardedBuffer out(size_t{count} * width), table(count * sizeof(kdzk_prefix_record));
   kdzk_enc_ctx enc{};
@@ -158,13 +160,6 @@ struct Call {
   }
 };
 
-void put_call(Bytes& input, uint64_t width, uint64_t count, uint64_t limit, Random& random) {
-  put(input, width, 1);
-  put(input, count, 2);
-  put(input, limit, 4);  // 2^32 is 0, which is no limit
-  for (int i = 0; i < 30; i++) put(input, random.bits(), 1);
-}
-
 // Codes that passed the check, in just their bytes and the padding, and their rows: one each, or runs of them.
 struct Codes {
   const Call& call;
@@ -199,6 +194,7 @@ bool good_codes(const Call& c, View stream) {
   (void)kdzk_host_check_codes(&library(), padded.data(), stream.size(), c.count, c.width, c.limit, &fast);
   (void)kdzk_host_check_codes(nullptr, exact.data(), stream.size(), c.count, c.width, c.limit, &slow);
   require(fast.ok == slow.ok && fast.offset == slow.offset, "both ways of checking codes agree");
+  require(fast.ok == 0 || (uint64_t{c.count} * c.width + 7) / 8 <= stream.size(), "codes that passed are all there");
   return fast.ok == 1;
 }
 
@@ -302,13 +298,14 @@ void expect_symbols(Codes& c, View offsets) {
   result.indicators = indicators.data();
   (void)c.call.kernel(KDZK_OP_DECODE).decode(&result, &c.column, &exec);
   for (uint32_t row = 0; row < nrows; row++) {
-    const uint64_t from = number(offsets.subspan(c.rows[row] * 4, 4)),
-                   to = number(offsets.subspan(c.rows[row] * 4 + 4, 4));
-    const uint16_t length = static_cast<uint16_t>(to - from), indicator = length == 0 ? 2 : 0;
-    const uint8_t* const address = exact.data() + from;
-    require(std::memcmp(addresses.data() + row * 8, &address, 8) == 0, "addresses are those of the plain loop");
-    require(std::memcmp(lengths.data() + row * 2, &length, 2) == 0, "and so are lengths");
-    require(std::memcmp(indicators.data() + row * 2, &indicator, 2) == 0, "and indicators");
+    const View pair = offsets.subspan(c.rows[row] * 4, 8);
+    const uint8_t* const address = exact.data() + number(pair.first(4));
+    const auto length = static_cast<uint16_t>(number(pair.last(4)) - number(pair.first(4)));
+    const uint16_t indicator = length == 0 ? 2 : 0;
+    require(std::memcmp(addresses.data() + row * 8, &address, 8) == 0 &&
+                std::memcmp(lengths.data() + row * 2, &length, 2) == 0 &&
+                std::memcmp(indicators.data() + row * 2, &indicator, 2) == 0,
+            "symbols are those of the plain loop");
   }
 }
 
@@ -322,6 +319,7 @@ bool try_packed_codes(View input) {
     const GuardedBuffer exact(offsets, 0);
     if (kdzk_host_check_offsets(exact.data(), offsets.size(), entries, symbol_bytes, nullptr) != KDZK_HOST_DONE)
       return false;
+    require(offsets.size() == entries * 4 + 4, "offsets that passed are all there");
     for (size_t i = 0; i < entries; i++)
       require(number(offsets.subspan(i * 4, 4)) <= number(offsets.subspan(i * 4 + 4, 4)), "offsets don't descend");
     require(number(offsets.last(4)) <= symbol_bytes, "symbols don't reach past the end");
@@ -344,33 +342,40 @@ bool try_packed_codes(View input) {
   return true;
 }
 
-void put_codes(Bytes& input, uint32_t width, uint64_t count, uint64_t limit, Random& random) {
-  std::vector<uint32_t> codes(count);
-  for (uint32_t& code : codes) code = static_cast<uint32_t>(random.below(limit));
-  const size_t at = input.size();
-  input.resize(at + kdzk_host_packed_bytes(count, width));
-  kdzk_host_pack(codes.data(), count, width, input.data() + at);
-}
+// An input that has got as far as the call, and its codes.
+struct MadeCodes {
+  uint32_t width, count;
+  uint64_t limit;
+  Bytes input = {}, stream = {};
 
-std::pair<uint32_t, uint64_t> width_and_limit(Random& random) {
-  const uint64_t row = random.below(22), width = row < 20 ? row + 1 : row == 20 ? 24 : 32;
-  const uint64_t most = uint64_t{1} << width;
-  return {static_cast<uint32_t>(width), random.below(2) == 0 ? most : 1 + random.below(most)};
-}
+  MadeCodes(Random& random, uint64_t rows, uint64_t entries) : count(static_cast<uint32_t>(rows)) {
+    const uint64_t row = random.below(22);
+    width = static_cast<uint32_t>(row < 20 ? row + 1 : row == 20 ? 24 : 32);
+    limit = uint64_t{1} << width;
+    if (random.below(2) == 0) limit = 1 + random.below(limit);
+    if (entries > 0) limit = std::min(limit, entries);
+    std::vector<uint32_t> codes(count);
+    for (uint32_t& code : codes) code = static_cast<uint32_t>(random.below(limit));
+    stream.resize(kdzk_host_packed_bytes(count, width));
+    kdzk_host_pack(codes.data(), count, width, stream.data());
+    put(input, width, 1);
+    put(input, count, 2);
+    put(input, limit, 4);  // 2^32 is 0, which is no limit
+    for (int i = 0; i < 30; i++) put(input, random.bits(), 1);
+  }
+  void put_stream() { input.insert(input.end(), stream.begin(), stream.end()); }
+};
 
 Bytes make_packed_codes(Random& random) {
-  auto [width, limit] = width_and_limit(random);
-  const uint64_t count = random.below(random.below(2) == 0 ? 1500 : 100);
-  const uint64_t entries = random.below(2) == 0 ? 0 : std::min<uint64_t>(limit, 255);
-  if (entries > 0) limit = entries;
-  Bytes input;
-  put_call(input, width, count, limit, random);
-  put(input, entries, 1);
-  put(input, entries * 9, 2);
+  const uint64_t dictionary = random.below(2) * 255;
+  MadeCodes made(random, random.below(random.below(2) == 0 ? 1500 : 100), dictionary);
+  const uint64_t entries = dictionary == 0 ? 0 : made.limit;
+  put(made.input, entries, 1);
+  put(made.input, entries * 9, 2);
   uint64_t offset = 0;
-  for (uint64_t i = 0; entries > 0 && i <= entries; i++, offset += random.below(10)) put(input, offset, 4);
-  put_codes(input, width, count, limit, random);
-  return input;
+  for (uint64_t i = 0; entries > 0 && i <= entries; i++, offset += random.below(10)) put(made.input, offset, 4);
+  made.put_stream();
+  return made.input;
 }
 
 // Run lengths of 8 or 16 bits, or the runs' first rows.
@@ -400,6 +405,7 @@ bool try_run_length(View input) {
                               : kdzk_host_check_run_offsets(exact.data(), runs.size(), call.count, rows, nullptr);
   if (status != KDZK_HOST_DONE || !good_codes(call, codes)) return false;
   require(more_rows == 0 && std::ranges::count(lengths, 0u) == 0, "runs have the rows of the column, and some each");
+  require(numbers * size <= runs.size(), "runs that passed are all there");
   if (rows > 100'000) return false;
   GuardedBuffer needed(runs.first(numbers * size), 0);  // whole numbers, and so aligned to them
   Codes column(call, codes, lengths);
@@ -415,21 +421,19 @@ bool try_run_length(View input) {
 }
 
 Bytes make_run_length(Random& random) {
-  const auto [width, limit] = width_and_limit(random);
-  const uint64_t count = random.below(random.below(2) == 0 ? 300 : 20), form = random.below(4);
+  MadeCodes made(random, random.below(random.below(2) == 0 ? 300 : 20), 0);
+  const uint64_t form = random.below(4);
   const uint64_t longest = random.below(3) == 0 ? 1 : form == 0 ? 255 : random.below(3) == 0 ? 3000 : 80;
-  Bytes input;
-  put_call(input, width, count, limit, random);
-  put(input, form << 8, 2);
-  put_codes(input, width, count, limit, random);
+  put(made.input, form << 8, 2);
+  made.put_stream();
   uint64_t row = 0;
-  for (uint64_t run = 0; run < count; run++) {
+  for (uint32_t run = 0; run < made.count; run++) {
     const uint64_t length = 1 + random.below(longest);
-    put(input, form < 2 ? length : row, form < 2 ? static_cast<int>(form) + 1 : 4);
+    put(made.input, form < 2 ? length : row, form < 2 ? static_cast<int>(form) + 1 : 4);
     row += length;
   }
-  if (form >= 2) put(input, row, 4);
-  return input;
+  if (form >= 2) put(made.input, row, 4);
+  return made.input;
 }
 
 constexpr Format all_formats[] = {{"sqzb", try_sqzb, make_sqzb},
@@ -446,6 +450,7 @@ bool try_input(const Format& format, View input) {
   repeat = std::string("replay ") + format.name + " ";
   for (const uint8_t byte : input) (repeat += digits[byte / 16]) += digits[byte % 16];
   now_running("kdzk_fuzz " + repeat);
+  (void)library();  // which brings the report of a fault
   return format.try_input(input);
 }
 

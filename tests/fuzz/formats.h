@@ -16,7 +16,7 @@ struct Format {
   // Takes widths, counts and constants from the front of the input, and the rest as what is to be checked. Tells
   // whether it was well formed, and so was run.
   bool (*try_input)(std::span<const uint8_t> input);
-  Bytes (*make)(Random& random);  // an input that is well formed
+  Bytes (*make)(Random& random);  // an input that is well formed, or nearly so
 };
 
 extern const std::span<const Format> formats;

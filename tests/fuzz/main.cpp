@@ -4,6 +4,8 @@
 //   kdzk_fuzz [FORMAT|all [SECONDS [SEED]]]
 //   kdzk_fuzz replay FORMAT HEX
 
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -39,9 +41,11 @@ bool fuzz(const Format& format, double seconds, const std::string& seed) {
     for (int i = 0; i < 100; i++, inputs++) {
       Bytes input = format.make(random);
       mutate(input, random);
+      alarm(10);  // for what never comes to its end
       well_formed += try_input(format, input);
     }
   }
+  alarm(0);
   std::printf("figure: %s: %llu inputs, %llu of them well formed\n", format.name, inputs, well_formed);
   std::fflush(stdout);
   return well_formed > 0 && well_formed < inputs;

@@ -24,7 +24,7 @@ char running[1 << 16];
 }
 
 void name_the_case_and_die(int signal) {
-  static constexpr char fault[] = "fault in: ";
+  static constexpr char fault[] = "fault, or no end, in: ";
   (void)!write(2, fault, sizeof fault - 1);
   (void)!write(2, running, std::strlen(running));
   (void)!write(2, "\n", 1);
@@ -38,8 +38,10 @@ const kdzk_specialized_ctx* open_library() {
   if (handle == nullptr) give_up(std::string("can't open the library: ") + dlerror());
   const void* const record = dlsym(handle, KDZK_CONTEXT_SYMBOL);
   if (record == nullptr) give_up(std::string(file) + " has no symbol " KDZK_CONTEXT_SYMBOL);
-  if (const auto before = std::signal(SIGSEGV, name_the_case_and_die); before != SIG_DFL)
-    std::signal(SIGSEGV, before);  // a sanitizer's, which says more
+  for (const int signal : {SIGSEGV, SIGALRM}) {
+    if (const auto before = std::signal(signal, name_the_case_and_die); before != SIG_DFL)
+      std::signal(signal, before);  // a sanitizer's, which says more
+  }
   return static_cast<const kdzk_specialized_ctx*>(record);
 }
 

@@ -24,23 +24,6 @@ struct Stream {
       : bytes(random_prefix_stream(random, width, count, prefix)), records(prefix_plain_decode(bytes, count, width)) {}
 };
 
-struct Call {
-  kdzk_enc_ctx enc{};
-  kdzk_vec result{}, input{};
-  kdzk_exec exec{};
-
-  Call(const void* stream, uint32_t width, uint32_t count, void* out) {
-    enc.prefix_group = 16;
-    enc.prefix_width = static_cast<int16_t>(width);
-    enc.prefix_count = count;
-    input.data = const_cast<void*>(stream);
-    input.nrows = (count + 15) / 16;
-    input.enc_ctx = &enc;
-    result.data = out;
-  }
-  uint64_t run(const kdzk_exec* with) const { return library().decode_prefix_records(&result, &input, with); }
-};
-
 class PrefixRecords : public testing::TestWithParam<uint32_t> {};
 
 TEST_P(PrefixRecords, AgreeWithTheRecordsOfTheStream) {
@@ -57,7 +40,7 @@ TEST_P(PrefixRecords, AgreeWithTheRecordsOfTheStream) {
       now_running("prefix records, " + what);
       GuardedBuffer in(stream.bytes, KDZK_PADDING, static_cast<uint8_t>(random.bits()));
       GuardedBuffer out(size_t{count} * width), table(size_t{count} * 16);  // each against a page that faults
-      Call call(in.data(), width, count, out.data());
+      PrefixCall call(in.data(), width, count, out.data());
       call.result.hits = 4711;
       call.exec.xlate_info = random.below(2) == 0 ? table.data() : nullptr;
       EXPECT_EQ(call.run(prefix == 0 ? nullptr : &call.exec), KDZK_DONE);
@@ -85,7 +68,7 @@ TEST_P(PrefixRecords, LeaveWhatIsBehindThem) {
     in.insert(in.end(), stream.bytes.begin(), stream.bytes.end());
     in.resize(in.size() + KDZK_PADDING, 0xff);
     std::copy(stream.records.begin(), stream.records.end(), want.begin() + static_cast<long>(start));
-    EXPECT_EQ(Call(in.data() + start, width, count, out.data() + start).run(nullptr), KDZK_DONE);
+    EXPECT_EQ(PrefixCall(in.data() + start, width, count, out.data() + start).run(nullptr), KDZK_DONE);
     ASSERT_EQ(out, want) << count;
   }
 }
@@ -97,7 +80,7 @@ TEST_P(PrefixRecords, RefuseWrongParametersUntouched) {
   const auto expect_refusal = [&](uint8_t group, int16_t record_width) {
     SCOPED_TRACE("groups of " + std::to_string(group) + ", width " + std::to_string(record_width));
     Bytes out(400, 0x11), table(640, 0x22);
-    Call call(nullptr, width, 40, out.data());
+    PrefixCall call(nullptr, width, 40, out.data());
     call.enc.prefix_group = group;
     call.enc.prefix_width = record_width;
     call.exec.xlate_info = table.data();
@@ -144,7 +127,7 @@ TEST_P(PrefixRecords, AreWrittenShortest) {
     }
     if (count == 0) continue;
     GuardedBuffer out(records.size());
-    EXPECT_EQ(Call(padded.data(), width, count, out.data()).run(nullptr), KDZK_DONE);
+    EXPECT_EQ(PrefixCall(padded.data(), width, count, out.data()).run(nullptr), KDZK_DONE);
     EXPECT_EQ(std::memcmp(out.data(), records.data(), records.size()), 0);
   }
   for (const size_t start : {size_t{0}, size_t{1} + 16 * width, size_t{2} + 32 * width}) {  // of three groups
@@ -168,7 +151,7 @@ TEST(PrefixRecordsFormat, IsAsDescribed) {
   EXPECT_EQ(kdzk_host_prefix_records_check(stream.data(), stream.size(), 18, 3), stream.size());
   const GuardedBuffer in(stream);
   Bytes out(records.size());
-  EXPECT_EQ(Call(in.data(), 3, 18, out.data()).run(nullptr), KDZK_DONE);
+  EXPECT_EQ(PrefixCall(in.data(), 3, 18, out.data()).run(nullptr), KDZK_DONE);
   EXPECT_EQ(out, records);
 }
 

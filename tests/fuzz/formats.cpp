@@ -108,18 +108,9 @@ bool try_prefix_records(View input) {
   require(size <= given.size(), "a stream that passed is all there");
   const GuardedBuffer stream(given.first(size), KDZK_PADDING, behind);
   GuardedBuffer out(size_t{count} * width), table(count * sizeof(kdzk_prefix_record));
-  kdzk_enc_ctx enc{};
-  enc.prefix_group = KDZK_HOST_PREFIX_GROUP;
-  enc.prefix_width = static_cast<int16_t>(width);
-  enc.prefix_count = count;
-  kdzk_vec column{}, result{};
-  column.data = const_cast<uint8_t*>(stream.data());
-  column.nrows = kdzk_host_prefix_groups(count);
-  column.enc_ctx = &enc;
-  result.data = out.data();
-  kdzk_exec exec{};
-  exec.xlate_info = table.data();
-  require(library().decode_prefix_records(&result, &column, &exec) == KDZK_DONE, "a stream that passed is decoded");
+  PrefixCall call(stream.data(), width, count, out.data());
+  call.exec.xlate_info = table.data();
+  require(call.run(&call.exec) == KDZK_DONE, "a stream that passed is decoded");
   const Bytes want = prefix_plain_decode(given, count, width);
   require(std::equal(want.begin(), want.end(), out.data(), out.data() + out.size()), "as the plain decoder has it");
   for (uint32_t i = 0; i < count; i++) {

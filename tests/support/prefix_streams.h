@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Prefix record streams in the dullest words: random ones, with prefixes of any length, and a decoder.
+// Prefix record streams in the dullest words: random ones, with prefixes of any length, a decoder, and calls of the
+// library's.
 #ifndef TESTS_SUPPORT_PREFIX_STREAMS_H
 #define TESTS_SUPPORT_PREFIX_STREAMS_H
 
@@ -39,6 +40,24 @@ inline std::vector<uint8_t> prefix_plain_decode(std::span<const uint8_t> stream,
   }
   return records;
 }
+
+// A call of the decoder.
+struct PrefixCall {
+  kdzk_enc_ctx enc{};
+  kdzk_vec result{}, input{};
+  kdzk_exec exec{};
+
+  PrefixCall(const void* stream, uint32_t width, uint32_t count, void* out) {
+    enc.prefix_group = 16;
+    enc.prefix_width = static_cast<int16_t>(width);
+    enc.prefix_count = count;
+    input.data = const_cast<void*>(stream);
+    input.nrows = (count + 15) / 16;
+    input.enc_ctx = &enc;
+    result.data = out;
+  }
+  uint64_t run(const kdzk_exec* with) const { return library().decode_prefix_records(&result, &input, with); }
+};
 
 }  // namespace kdzk_test
 

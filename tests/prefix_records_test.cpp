@@ -9,55 +9,19 @@
 
 #include "tests/support/format_docs.h"
 #include "tests/support/host.h"
+#include "tests/support/prefix_streams.h"
 
 namespace kdzk_test {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr int any_prefix = -1;
-
-// Random records, and a stream of them whose groups have this prefix or each a random one.
+// A random stream, and its records.
 struct Stream {
-  uint32_t width, count;
-  Bytes records, bytes;
-  std::vector<size_t> group_starts;
+  Bytes bytes, records;
 
-  Stream(uint32_t w, uint32_t c, int prefix, Random& random) : width(w), count(c) {
-    for (uint32_t first = 0; first < count; first += 16) {
-      const uint32_t n =
-          prefix == any_prefix ? static_cast<uint32_t>(random.below(width + 1)) : static_cast<uint32_t>(prefix);
-      uint8_t common[8];
-      for (uint8_t& byte : common) byte = static_cast<uint8_t>(random.bits());
-      group_starts.push_back(bytes.size());
-      bytes.push_back(static_cast<uint8_t>(n));
-      bytes.insert(bytes.end(), common, common + n);
-      for (uint32_t record = first; record < count && record < first + 16; record++) {
-        records.insert(records.end(), common, common + n);
-        for (uint32_t i = n; i < width; i++) {
-          records.push_back(static_cast<uint8_t>(random.bits()));
-          bytes.push_back(records.back());
-        }
-      }
-    }
-  }
-};
-
-struct Call {
-  kdzk_enc_ctx enc{};
-  kdzk_vec result{}, input{};
-  kdzk_exec exec{};
-
-  Call(const void* stream, uint32_t width, uint32_t count, void* out) {
-    enc.prefix_group = 16;
-    enc.prefix_width = static_cast<int16_t>(width);
-    enc.prefix_count = count;
-    input.data = const_cast<void*>(stream);
-    input.nrows = (count + 15) / 16;
-    input.enc_ctx = &enc;
-    result.data = out;
-  }
-  uint64_t run(const kdzk_exec* with) const { return library().decode_prefix_records(&result, &input, with); }
+  Stream(uint32_t width, uint32_t count, int prefix, Random& random)
+      : bytes(random_prefix_stream(random, width, count, prefix)), records(prefix_plain_decode(bytes, count, width)) {}
 };
 
 class PrefixRecords : public testing::TestWithParam<uint32_t> {};
@@ -76,7 +40,7 @@ TEST_P(PrefixRecords, AgreeWithTheRecordsOfTheStream) {
       now_running("prefix records, " + what);
       GuardedBuffer in(stream.bytes, KDZK_PADDING, static_cast<uint8_t>(random.bits()));
       GuardedBuffer out(size_t{count} * width), table(size_t{count} * 16);  // each against a page that faults
-      Call call(in.data(), width, count, out.data());
+      PrefixCall call(in.data(), width, count, out.data());
       call.result.hits = 4711;
       call.exec.xlate_info = random.below(2) == 0 ? table.data() : nullptr;
       EXPECT_EQ(call.run(prefix == 0 ? nullptr : &call.exec), KDZK_DONE);
@@ -104,7 +68,7 @@ TEST_P(PrefixRecords, LeaveWhatIsBehindThem) {
     in.insert(in.end(), stream.bytes.begin(), stream.bytes.end());
     in.resize(in.size() + KDZK_PADDING, 0xff);
     std::copy(stream.records.begin(), stream.records.end(), want.begin() + static_cast<long>(start));
-    EXPECT_EQ(Call(in.data() + start, width, count, out.data() + start).run(nullptr), KDZK_DONE);
+    EXPECT_EQ(PrefixCall(in.data() + start, width, count, out.data() + start).run(nullptr), KDZK_DONE);
     ASSERT_EQ(out, want) << count;
   }
 }
@@ -116,7 +80,7 @@ TEST_P(PrefixRecords, RefuseWrongParametersUntouched) {
   const auto expect_refusal = [&](uint8_t group, int16_t record_width) {
     SCOPED_TRACE("groups of " + std::to_string(group) + ", width " + std::to_string(record_width));
     Bytes out(400, 0x11), table(640, 0x22);
-    Call call(nullptr, width, 40, out.data());
+    PrefixCall call(nullptr, width, 40, out.data());
     call.enc.prefix_group = group;
     call.enc.prefix_width = record_width;
     call.exec.xlate_info = table.data();
@@ -163,13 +127,12 @@ TEST_P(PrefixRecords, AreWrittenShortest) {
     }
     if (count == 0) continue;
     GuardedBuffer out(records.size());
-    EXPECT_EQ(Call(padded.data(), width, count, out.data()).run(nullptr), KDZK_DONE);
+    EXPECT_EQ(PrefixCall(padded.data(), width, count, out.data()).run(nullptr), KDZK_DONE);
     EXPECT_EQ(std::memcmp(out.data(), records.data(), records.size()), 0);
   }
-  Stream broken(width, 40, any_prefix, random);
-  EXPECT_EQ(kdzk_host_prefix_records_check(broken.bytes.data(), broken.bytes.size(), 40, width), broken.bytes.size());
-  for (const size_t start : broken.group_starts) {
-    Bytes bytes = broken.bytes;
+  for (const size_t start : {size_t{0}, size_t{1} + 16 * width, size_t{2} + 32 * width}) {  // of three groups
+    Bytes bytes = Stream(width, 40, 0, random).bytes;
+    EXPECT_EQ(kdzk_host_prefix_records_check(bytes.data(), bytes.size(), 40, width), bytes.size());
     bytes[start] = static_cast<uint8_t>(width + 1);
     EXPECT_EQ(kdzk_host_prefix_records_check(bytes.data(), bytes.size(), 40, width), KDZK_HOST_PREFIX_NO_STREAM);
   }
@@ -188,7 +151,7 @@ TEST(PrefixRecordsFormat, IsAsDescribed) {
   EXPECT_EQ(kdzk_host_prefix_records_check(stream.data(), stream.size(), 18, 3), stream.size());
   const GuardedBuffer in(stream);
   Bytes out(records.size());
-  EXPECT_EQ(Call(in.data(), 3, 18, out.data()).run(nullptr), KDZK_DONE);
+  EXPECT_EQ(PrefixCall(in.data(), 3, 18, out.data()).run(nullptr), KDZK_DONE);
   EXPECT_EQ(out, records);
 }
 

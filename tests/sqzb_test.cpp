@@ -595,28 +595,5 @@ TEST(SqzbCheck, SeesEachTruncation) {
   }
 }
 
-// What passes the check decodes as the plain decoder does. sqzb_fuzz.cpp goes on with this for as long as one likes.
-TEST(SqzbCheck, LetsNothingPassThatLeadsTheDecoderAstray) {
-  Random random("sqzb mutations");
-  int passed = 0;
-  for (int i = 0; i < 20000; i++) {
-    Bytes bytes =
-        random_sqzb_block(random, static_cast<uint32_t>(random.below(5)), static_cast<uint32_t>(random.below(80)), 8)
-            .bytes();
-    for (uint64_t mutations = random.below(3); mutations-- > 0;) {
-      bytes[random.below(bytes.size())] ^= static_cast<uint8_t>(1u << random.below(8));
-    }
-    kdzk_host_sqzb_report report;
-    if (kdzk_host_sqzb_check(bytes.data(), bytes.size(), &report) != KDZK_HOST_DONE) continue;
-    passed++;
-    bytes.resize(report.block_size);
-    const Bytes want = sqzb_plain_decode(bytes);
-    ASSERT_EQ(want.size(), report.decoded_size);
-    expect_decodes(bytes, want);
-    if (HasFailure()) FAIL() << "mutation " << i;
-  }
-  EXPECT_GT(passed, 5000);
-}
-
 }  // namespace
 }  // namespace kdzk_test

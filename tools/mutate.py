@@ -9,7 +9,6 @@ changed library by KDZK_LIBRARY. A survivor is printed as `file:line: before -> 
 change, it belongs into tests/mutants.txt, with the reason; it is left out then.
 """
 import argparse
-import bisect
 import concurrent.futures
 import fnmatch
 import glob
@@ -129,21 +128,18 @@ def tests_of(file, quick):
 # ---- Places ----
 
 NO_CODE = re.compile(r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"|(?<!\w)\'(?:\\.|[^\'\\\n])*\'|^#[^\n]*'
-                     r'|\b\w*prefetch\w*\([^\n]*|\basm\("[^\n]*'  # only speed depends on these
-                     r"|^KDZK_\w+\([^\n]*"
+                     r'|^[^\n]*prefetch[^\n]*|\basm\("[^\n]*|^KDZK_\w+\([^\n]*'  # only speed; instances
                      r"|\bstatic_assert\((?:[^()]|\((?:[^()]|\([^()]*\))*\))*\)|\btemplate <[^\n]*>$|\boperator\W+\(",
                      re.S | re.M)
-TYPE_LIST = re.compile(r"\w(<(?:[^<>()\n]|<[^<>()\n]*>)*>)(?![\w(])")  # with a call behind it, it is code
+TYPE_LIST = re.compile(r"(?<=\w)<(?:[^<>()\n]|<[^<>()\n]*>)*>(?![\w(])")  # with a call behind it, it is code
 
 
-def blank(match, group=0):
-    start, end = match.start(group) - match.start(), match.end(group) - match.start()
-    text = match.group()
-    return text[:start] + re.sub(r"[^\n]", "\x01", text[start:end]) + text[end:]
+def blank(match):
+    return re.sub(r"[^\n]", "\x01", match.group())
 
 
 class Mutant:
-    def __init__(self, file, text, code, start, end, pattern, after):
+    def __init__(self, file, text, start, end, pattern, after):
         self.file, self.start, self.end, self.pattern, self.after = file, start, end, pattern, after
         self.line = text.count("\n", 0, start) + 1
         # What is changed, with as many words around it as make it the only one of the file, but two at least.
@@ -162,38 +158,31 @@ class Mutant:
 
 def mutants_of(file):
     text = (ROOT / file).read_text()
-    code = TYPE_LIST.sub(lambda match: blank(match, 1), NO_CODE.sub(blank, text))
+    code = TYPE_LIST.sub(blank, NO_CODE.sub(blank, text))
+    mutants = {}  # two patterns may make the same change
     for name, expression, replacements in PATTERNS:
         for match in re.finditer(f"(?={expression})" if expression[0] == " " else expression, code, re.M):
-            before = match.group(1)
-            others = replacements(before) if callable(replacements) else replacements.get(before, [])
-            for after in others:
-                yield Mutant(file, text, code, match.start(1), match.end(1), name, after)
+            before, start, end = match.group(1), match.start(1), match.end(1)
+            for after in replacements(before) if callable(replacements) else replacements.get(before, []):
+                mutants.setdefault((start, after), Mutant(file, text, start, end, name, after))
+    return list(mutants.values())
+
+
+def in_turn(lists, dice):
+    """One of each list, then another of each, and so on; in which order, is left to the dice."""
+    dice.shuffle(lists)
+    return [each for turn in itertools.zip_longest(*lists) for each in turn if each]
 
 
 def sample(mutants, count, seed):
     """So many of them, from all files in turn, and from all patterns of a file in turn."""
-    dice = random.Random(seed)
-    files = {}
-    for mutant in mutants:
+    dice, files = random.Random(seed), {}
+    for mutant in dice.sample(mutants, len(mutants)):
         files.setdefault(mutant.file, {}).setdefault(mutant.pattern, []).append(mutant)
-    turns = []
-    for patterns in files.values():
-        lists = list(patterns.values())
-        dice.shuffle(lists)
-        for each in lists:
-            dice.shuffle(each)
-        turns.append([mutant for turn in itertools.zip_longest(*lists) for mutant in turn if mutant])
-    dice.shuffle(turns)
-    return [mutant for turn in itertools.zip_longest(*turns) for mutant in turn if mutant][:count]
+    return in_turn([in_turn(list(patterns.values()), dice) for patterns in files.values()], dice)[:count]
 
 
 # ---- Runs ----
-
-
-def limited():
-    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-    resource.setrlimit(resource.RLIMIT_AS, (8 << 30, 8 << 30))
 
 
 class Copy:
@@ -227,7 +216,7 @@ class Copy:
     def passes(self, stage, timeout):
         run = subprocess.Popen([self.tests, "--gtest_brief=1", "--gtest_fail_fast", f"--gtest_filter={stage}"],
                                env={**os.environ, "KDZK_LIBRARY": str(self.library)}, stdout=subprocess.DEVNULL,
-                               stderr=subprocess.DEVNULL, start_new_session=True, preexec_fn=limited)
+                               stderr=subprocess.DEVNULL, start_new_session=True)
         try:
             return run.wait(timeout) == 0
         except subprocess.TimeoutExpired:
@@ -273,6 +262,8 @@ def read_explained(file):
 
 
 def main():
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    resource.setrlimit(resource.RLIMIT_AS, (8 << 30, 8 << 30))  # for mutants that ask for too much
     arguments = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     arguments.add_argument("files", nargs="*", default=[f"{folder}/*.*" for folder in SOURCES])
     arguments.add_argument("--sample", type=int, metavar="N", help="so many, spread over files and patterns")

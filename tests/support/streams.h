@@ -47,8 +47,10 @@ Bytes bytes_of(const std::vector<T>& numbers) {
 }
 
 inline Bytes random_bytes(size_t n, Random& random) {
-  Bytes bytes(n);
-  for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random.bits());
+  std::vector<uint64_t> words(n / 8 + 1);
+  for (uint64_t& word : words) word = random.bits();
+  Bytes bytes = bytes_of(words);
+  bytes.resize(n);
   return bytes;
 }
 

@@ -592,7 +592,7 @@ TEST(RowStore, GivesBackTheRowsItWasGiven) {
     Bytes want;
     for (const Bytes& value : values[c]) {
       append(want, static_cast<uint16_t>(value.size()));
-      want.insert(want.end(), value.begin(), value.end());
+      append(want, value);
     }
     EXPECT_EQ(Bytes(got.data(), got.data() + want.size()), want);
   }

@@ -3,6 +3,7 @@
 #ifndef TESTS_SUPPORT_VALUE_COLUMNS_H
 #define TESTS_SUPPORT_VALUE_COLUMNS_H
 
+#include <cstring>
 #include <deque>
 #include <functional>
 #include <string>
@@ -54,6 +55,18 @@ template <class T>
 void append(Bytes& to, T number) {
   const auto* const bytes = reinterpret_cast<const uint8_t*>(&number);
   to.insert(to.end(), bytes, bytes + sizeof number);
+}
+
+// Native numbers anywhere in memory.
+template <class T>
+T get(const uint8_t* at) {
+  T value;
+  std::memcpy(&value, at, sizeof value);
+  return value;
+}
+template <class T>
+void put(uint8_t* at, T value) {
+  std::memcpy(at, &value, sizeof value);
 }
 
 }  // namespace kdzk_test

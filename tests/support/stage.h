@@ -85,7 +85,9 @@ class Stage {
 
   void saw(uint64_t number);
   // Rows and their values, in whatever way they were come by.
-  void rows(const Bytes& bytes) { rows_.insert(rows_.end(), bytes.begin(), bytes.end()); }
+  void row_bytes(const void* at, size_t size) {
+    rows_.insert(rows_.end(), static_cast<const uint8_t*>(at), static_cast<const uint8_t*>(at) + size);
+  }
   void rows(const uint64_t* bits, uint64_t nrows);
 
   struct Outcome {

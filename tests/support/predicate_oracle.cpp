@@ -115,6 +115,7 @@ std::vector<uint8_t> stored_data(const PredicateKernel& kernel, const std::vecto
         if (row.value >> bit & 1) bytes[at / 8] |= static_cast<uint8_t>(0x80 >> at % 8);
       }
     }
+    if (at % 8 != 0) bytes.back() |= static_cast<uint8_t>(0xff >> at % 8);  // no code
     return bytes;
   }
   for (const Row& row : rows) {
@@ -133,6 +134,7 @@ std::vector<uint8_t> stored_lengths(const PredicateKernel& kernel, const std::ve
   for (size_t r = 0; r < rows.size(); r++) {
     bytes[r * bits / 8] |= static_cast<uint8_t>(rows[r].length_code << (8 - bits - r * bits % 8));
   }
+  if (rows.size() * bits % 8 != 0) bytes.back() |= static_cast<uint8_t>(0xff >> rows.size() * bits % 8);
   return bytes;
 }
 

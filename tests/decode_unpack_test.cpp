@@ -68,10 +68,7 @@ struct Column {
   Outcome call(uint32_t capacity) {
     const size_t element = member.element();
     GuardedBuffer out(capacity * element, 0, 0x5a);
-    kdzk_vec result{};
-    result.data = out.data();
-    result.nrows = capacity;
-    result.hits = 4711;
+    kdzk_vec result{.data = out.data(), .hits = 4711, .nrows = capacity};
     exec.out_flags = 0;
     const uint64_t returned = library().dispatch[member.id()].decode(&result, &input, &exec);
     Outcome outcome = {{}, exec.out_flags};
@@ -243,8 +240,7 @@ TEST_P(DecodeUnpack, EmptyRowListsOfRunsAreTheHostsError) {
     Column c = column(length_bits, 20);
     c.exec.env = &host.env;
     c.exec.ones_vec = &list;
-    kdzk_vec result{};
-    result.hits = 3;
+    kdzk_vec result{.hits = 3};
     EXPECT_EQ(library().dispatch[GetParam().id()].decode(&result, &c.input, &c.exec),
               length_bits != 0 ? KDZK_DONE : KDZK_NO_ROW);
     EXPECT_EQ(result.hits, 0u);

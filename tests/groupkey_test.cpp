@@ -79,12 +79,8 @@ struct GroupKey {
   // One call with room for so many keys and so much scratch, and its keys.
   uint64_t call(uint32_t room, uint32_t batch, Codes& keys) {
     GuardedBuffer out(size_t{room} * 4), temp(size_t{batch} * 4);
-    kdzk_vec result{}, temp_vec{};
-    result.data = out.data();
-    result.nrows = room;
-    result.hits = 4711;
-    temp_vec.data = temp.data();
-    temp_vec.nrows = batch;
+    kdzk_vec result{.data = out.data(), .hits = 4711, .nrows = room};
+    kdzk_vec temp_vec{.data = temp.data(), .nrows = batch};
     const kdzk_exec before = exec;
     const uint64_t ncols = columns.size() | uint64_t{0xabc} << 32;  // the upper half isn't looked at
     const uint64_t code = library().groupkey_dydi(&result, &key_count, vecs.data(), ncols, &temp_vec, &exec);

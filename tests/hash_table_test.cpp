@@ -330,9 +330,7 @@ void probe(Random& random, Table& table, std::vector<Row> rows, uint32_t flag, u
     uint32_t pairs;
     const uint32_t stop = table.probe(rows, exec.row, capacity, want.data(), &pairs);
     done = stop == rows.size();
-    kdzk_vec result{};
-    result.data = out.data();
-    result.nrows = capacity;
+    kdzk_vec result{.data = out.data(), .nrows = capacity};
     hash_calls = 0;
     const uint64_t code = library().ht_probe(&result, &columns.keys->vec, &columns.ids->vec, &table.desc,
                                              is_hashed(flag) ? masked_hash : nullptr, &exec);
@@ -345,8 +343,7 @@ void probe(Random& random, Table& table, std::vector<Row> rows, uint32_t flag, u
     if (pairs == 0) most = most * 2 + 1;
     if (testing::Test::HasFailure()) return;
   }
-  kdzk_vec result{};
-  result.nrows = 5;
+  kdzk_vec result{.nrows = 5};
   exec.row += static_cast<uint32_t>(random.below(3));
   const kdzk_exec before = exec;
   ASSERT_EQ(library().ht_probe(&result, &columns.keys->vec, &columns.ids->vec, &table.desc, nullptr, &exec), 0u);
@@ -434,13 +431,10 @@ TEST(HashTableRefusals, LeaveEverythingUntouched) {
     const uint32_t keyed_flags = KDZK_HASH_U32 | (flags == 0x1004 ? KDZK_KEYED24 : 0);
     const uint32_t build_takes = plain ? plain_flags : key_mode ? keyed_flags : 0;
     const uint32_t probe_takes = plain ? plain_flags & ~KDZK_KEYED16 : key_mode ? KDZK_HASH_U32 : 0;
-    kdzk_htdesc desc{};
-    desc.flags = flags;
+    kdzk_htdesc desc{.flags = flags};
     kdzk_enc_ctx enc{};
-    kdzk_vec keys{}, out{};
-    keys.enc_ctx = &enc;
-    keys.nrows = 3;
-    out.nrows = 7;
+    kdzk_vec keys{.enc_ctx = &enc, .nrows = 3};
+    kdzk_vec out{.nrows = 7};
     kdzk_exec exec = fresh_exec();
     enc.flags = ~build_takes;
     EXPECT_EQ(library().ht_build(&desc, &keys, &keys, -1, nullptr, &exec), KDZK_UNSUPPORTED) << flags;

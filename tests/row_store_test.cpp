@@ -346,10 +346,8 @@ TEST(PairMatrix, HoldsThePairsOfEachColumn) {
         for (const uint32_t later : forms) col.enc.flags |= later > form ? later : 0;
         Written matrix(size_t{rows} * ncols * 16, random);
         uint8_t* cursors[] = {nullptr, matrix.real.data()};
-        kdzk_rowstore store{};
-        store.flags = 32 | static_cast<uint32_t>(random.bits());
-        store.ncols = ncols;
-        store.pair_cursors = cursors;
+        kdzk_rowstore store{
+            .flags = 32 | static_cast<uint32_t>(random.bits()), .ncols = ncols, .pair_cursors = cursors};
         EXPECT_EQ(library().fill_pairs(&store, &col.vec, column | 0xabcd0000, 1), KDZK_DONE);
         const auto* data = static_cast<const uint8_t*>(col.vec.data);
         for (size_t row = 0; row < rows; row++) {
@@ -538,11 +536,8 @@ TEST(RowStore, GivesBackTheRowsItWasGiven) {
   const uint32_t forms[] = {KDZK_LEN_ARRAY, KDZK_FIXED_BYTES, KDZK_PTR_LEN}, nrows = 700;
   GuardedBuffer matrix(nrows * 3 * 16, 0);
   uint8_t *first_pair = matrix.data(), *cursor = first_pair, *data, *offsets, *limit;
-  kdzk_rowstore source{}, target{};
-  source.flags = KDZK_STORE_PAIRS;
-  source.ncols = 3;
-  source.pairs = &first_pair;
-  source.pair_cursors = &cursor;
+  kdzk_rowstore source{.flags = KDZK_STORE_PAIRS, .ncols = 3, .pairs = &first_pair, .pair_cursors = &cursor};
+  kdzk_rowstore target{};
   std::vector<Bytes> values[3];
   std::deque<ValueColumn> columns;
   for (uint32_t c = 0; c < 3; c++) {
@@ -576,15 +571,10 @@ TEST(RowStore, GivesBackTheRowsItWasGiven) {
   for (uint32_t c = 0; c < 3; c++) {
     std::vector<uint64_t> pairs;  // as a probe leaves them
     for (const uint64_t locator : locators) pairs.push_back(0), pairs.push_back(locator + c);
-    kdzk_enc_ctx in_enc{}, out_enc{};
-    in_enc.flags = KDZK_PROBE_PAIRS;
-    out_enc.flags = KDZK_LEN_PREFIXED;
-    kdzk_vec in{}, out{};
-    in.enc_ctx = &in_enc;
-    in.data = pairs.data();
-    in.nrows = nrows;
-    out.enc_ctx = &out_enc;
-    out.out_size = 100000;
+    kdzk_enc_ctx in_enc{.flags = KDZK_PROBE_PAIRS};
+    kdzk_enc_ctx out_enc{.flags = KDZK_LEN_PREFIXED};
+    kdzk_vec in{.data = pairs.data(), .enc_ctx = &in_enc, .nrows = nrows};
+    kdzk_vec out{.enc_ctx = &out_enc, .out_size = 100000};
     GuardedBuffer got(out.out_size, 0);
     out.data = got.data();
     kdzk_exec fresh{};

@@ -535,56 +535,45 @@ TEST(RowStore, GivesBackTheRowsItWasGiven) {
   Random random("row_store");
   const uint32_t forms[] = {KDZK_LEN_ARRAY, KDZK_FIXED_BYTES, KDZK_PTR_LEN}, nrows = 700;
   GuardedBuffer matrix(nrows * 3 * 16, 0);
-  uint8_t *first_pair = matrix.data(), *cursor = first_pair, *data, *offsets, *limit;
-  kdzk_rowstore source{.flags = KDZK_STORE_PAIRS, .ncols = 3, .pairs = &first_pair, .pair_cursors = &cursor};
-  kdzk_rowstore target{};
-  std::vector<Bytes> values[3];
-  std::deque<ValueColumn> columns;
-  for (uint32_t c = 0; c < 3; c++) {
-    columns.emplace_back(forms[c], values[c] = random_values(forms[c], nrows, 3, random), random);
-    EXPECT_EQ(library().fill_pairs(&source, &columns[c].vec, c, 0), KDZK_DONE);
-  }
-  target.flags = KDZK_STORE_OFFSETS;
+  uint8_t *pairs = matrix.data(), *data, *offsets, *limit;
+  kdzk_rowstore source{.flags = KDZK_STORE_PAIRS, .ncols = 3, .pairs = &pairs, .pair_cursors = &pairs};
+  kdzk_rowstore target{.flags = KDZK_STORE_OFFSETS, .page_hi = 31, .page_lo = 16};
+  target.offset_cursors = &offsets;
   target.data_cursors = &data;
   target.data_limits = &limit;
-  target.offset_cursors = &offsets;
+  Bytes want[3];  // back to back, behind their lengths
+  std::deque<ValueColumn> columns;
+  for (uint32_t c = 0; c < 3; c++) {
+    const auto values = random_values(forms[c], nrows, 3, random);
+    for (const Bytes& value : values) append(want[c], static_cast<uint16_t>(value.size())), append(want[c], value);
+    EXPECT_EQ(library().fill_pairs(&source, &columns.emplace_back(forms[c], values, random).vec, c, 0), KDZK_DONE);
+  }
   std::deque<GuardedBuffer> memory;
   std::vector<uint8_t*> offset_pages;
-  std::vector<uint64_t> bases, locators;  // of rows: page, and entry of the first value
+  std::vector<uint64_t> bases, found;  // as a probe leaves them: a row, and the locator of its first value
   kdzk_exec exec{};
   for (uint64_t code = KDZK_PAGE_FULL; code == KDZK_PAGE_FULL;) {
-    const size_t size = 500 + random.below(3000);
-    data = memory.emplace_back(size, 0).data();
-    limit = data + size;
+    data = memory.emplace_back(500 + random.below(3000), 0).data();
+    limit = data + memory.back().size();
     bases.push_back(reinterpret_cast<uint64_t>(data));
     offset_pages.push_back(offsets = memory.emplace_back((nrows * 3 + 1) * 4, 0, 0).data());
     if (exec.row > 0) offsets += 4;  // a first entry of 0
     code = library().pack_rows(&target, &source, 0, 0, exec.row, nrows - 1, &exec);
-    for (uint64_t entry = 0; locators.size() < (code == KDZK_DONE ? nrows : exec.row); entry += 3)
-      locators.push_back((bases.size() - 1) << 16 | entry);
+    for (uint64_t entry = 0; found.size() < 2 * (code == KDZK_DONE ? nrows : exec.row); entry += 3)
+      found.insert(found.end(), {0, (bases.size() - 1) << 16 | entry});
   }
   EXPECT_GT(bases.size(), 3u);
-  target.page_hi = 31;
-  target.page_lo = 16;
   target.offsets = offset_pages.data();
   target.bases = bases.data();
-  for (uint32_t c = 0; c < 3; c++) {
-    std::vector<uint64_t> pairs;  // as a probe leaves them
-    for (const uint64_t locator : locators) pairs.push_back(0), pairs.push_back(locator + c);
-    kdzk_enc_ctx in_enc{.flags = KDZK_PROBE_PAIRS};
-    kdzk_enc_ctx out_enc{.flags = KDZK_LEN_PREFIXED};
-    kdzk_vec in{.data = pairs.data(), .enc_ctx = &in_enc, .nrows = nrows};
-    kdzk_vec out{.enc_ctx = &out_enc, .out_size = 100000};
-    GuardedBuffer got(out.out_size, 0);
-    out.data = got.data();
-    kdzk_exec fresh{};
-    EXPECT_EQ(library().ht_gather(&out, &in, &target, &fresh), KDZK_DONE);
-    Bytes want;
-    for (const Bytes& value : values[c]) {
-      append(want, static_cast<uint16_t>(value.size()));
-      append(want, value);
-    }
-    EXPECT_EQ(Bytes(got.data(), got.data() + want.size()), want);
+  for (const Bytes& values : want) {
+    GuardedBuffer got(values.size(), 0);
+    kdzk_enc_ctx in_enc{.flags = KDZK_PROBE_PAIRS}, out_enc{.flags = KDZK_LEN_PREFIXED};
+    const kdzk_vec in{.data = found.data(), .enc_ctx = &in_enc, .nrows = nrows};
+    kdzk_vec out{.data = got.data(), .enc_ctx = &out_enc, .out_size = got.size()};
+    exec = {};
+    EXPECT_EQ(library().ht_gather(&out, &in, &target, &exec), KDZK_DONE);
+    EXPECT_EQ(Bytes(got.data(), got.data() + got.size()), values);
+    for (size_t i = 1; i < found.size(); i += 2) found[i]++;
   }
 }
 

@@ -20,22 +20,16 @@ struct Leaf {
 
 // A column, tested against a filter, and the records of a call.
 struct BloomCall {
-  kdzk_enc_ctx filter_enc{}, column_enc{};
-  kdzk_vec filter{}, values{}, result{};
-  kdzk_hit_range range = {5, 6};
-  kdzk_exec exec{};
   GuardedBits bits;
+  kdzk_hit_range range = {5, 6};
+  kdzk_enc_ctx filter_enc{}, column_enc;
+  kdzk_vec filter{.enc_ctx = &filter_enc}, values, result{.data = &range, .bitvec = bits.words(), .hits = 4711};
+  kdzk_exec exec{};
 
-  BloomCall(uint32_t element, uint32_t nrows, uint64_t garbage) : bits(nrows, garbage) {
-    filter.enc_ctx = &filter_enc;
-    column_enc.flags = KDZK_NUMERIC;
-    column_enc.width = static_cast<uint8_t>(element * 8);
-    values.enc_ctx = &column_enc;
-    values.nrows = nrows;
-    result.bitvec = bits.words();
-    result.data = &range;
-    result.hits = 4711;
-  }
+  BloomCall(uint32_t element, uint32_t nrows, uint64_t garbage)
+      : bits(nrows, garbage),
+        column_enc{.flags = KDZK_NUMERIC, .width = static_cast<uint8_t>(element * 8)},
+        values{.enc_ctx = &column_enc, .nrows = nrows} {}
   BloomCall(const BloomCall&) = delete;
   uint64_t call() { return library().bloom_test(&result, &values, &filter, &exec); }
 };

@@ -35,15 +35,14 @@ struct Column {
   const Member member;
   Codes rows;  // the code of each row
   std::unique_ptr<GuardedBuffer> data, lengths;
-  kdzk_enc_ctx enc{};
-  kdzk_vec input{};
-  kdzk_exec exec{};
+  kdzk_enc_ctx enc{.width = static_cast<uint8_t>(member.width)};
+  kdzk_vec input{.enc_ctx = &enc};
+  kdzk_exec exec{.flags = static_cast<uint8_t>(member.wide ? KDZK_EX_UNPACK_WIDE : 0)};
   uint32_t written_behind = 0;  // elements that a call may write past its hits
 
   // Runs of these codes and lengths, or plain if there is no length.
   Column(const Member& m, const Codes& codes, const Codes& run_lengths, uint32_t length_bits) : member(m), rows(codes) {
     data = std::make_unique<GuardedBuffer>(packed(codes, m.width));
-    enc.width = static_cast<uint8_t>(member.width);
     if (length_bits != 0) {
       rows.clear();
       for (size_t run = 0; run < codes.size(); run++) rows.insert(rows.end(), run_lengths[run], codes[run]);
@@ -53,9 +52,7 @@ struct Column {
       enc.unpack_width = static_cast<uint8_t>(length_bits);
     }
     input.data = data->data();
-    input.enc_ctx = &enc;
     input.nrows = static_cast<uint32_t>(rows.size());
-    exec.flags = member.wide ? KDZK_EX_UNPACK_WIDE : 0;
   }
   Column(const Column&) = delete;
 

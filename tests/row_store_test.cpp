@@ -81,9 +81,7 @@ struct Store {
     }
     ref_pages = bases;
     ref_pages.push_back(bases.back());  // of empty values at the end of the last page
-    record.width = static_cast<uint16_t>(width);
-    record.pairs = pair_pages.data();
-    record.refs = word_pages.data();
+    record = {.width = static_cast<uint16_t>(width), .pairs = pair_pages.data(), .refs = word_pages.data()};
     record.offsets = offset_pages.data();
     record.bases = bases.data();
   }
@@ -97,8 +95,8 @@ struct ModelValue {
 class Gather : public testing::TestWithParam<Leaf> {
  protected:
   Random random{"gather"};
-  kdzk_enc_ctx in_enc{}, out_enc{};
-  kdzk_vec in{}, out{};
+  kdzk_enc_ctx in_enc{.ref_bits = ref_bits}, out_enc{.ref_bits = ref_bits};
+  kdzk_vec in{.enc_ctx = &in_enc}, out{.enc_ctx = &out_enc};
   kdzk_exec exec{};
   Leaf leaf = GetParam();
   const Store* store = nullptr;
@@ -110,10 +108,7 @@ class Gather : public testing::TestWithParam<Leaf> {
                    : leaf.input == pairs    ? KDZK_PAIR16
                                             : KDZK_REF_WORDS;
     in_enc.width = static_cast<uint8_t>(input_bytes[leaf.input] * 8 + 5);
-    in_enc.ref_bits = out_enc.ref_bits = ref_bits;
     out_enc.flags = leaf.out_form;
-    in.enc_ctx = &in_enc;
-    out.enc_ctx = &out_enc;
     exec.flags = leaf.input == word0 ? KDZK_EX_PAIR_WORD0 : static_cast<uint8_t>(~KDZK_EX_PAIR_WORD0);
   }
 
@@ -346,8 +341,7 @@ TEST(PairMatrix, HoldsThePairsOfEachColumn) {
         for (const uint32_t later : forms) col.enc.flags |= later > form ? later : 0;
         Written matrix(size_t{rows} * ncols * 16, random);
         uint8_t* cursors[] = {nullptr, matrix.real.data()};
-        kdzk_rowstore store{
-            .flags = 32 | static_cast<uint32_t>(random.bits()), .ncols = ncols, .pair_cursors = cursors};
+        kdzk_rowstore store{.flags = uint32_t(random.bits() | 32), .ncols = ncols, .pair_cursors = cursors};
         EXPECT_EQ(library().fill_pairs(&store, &col.vec, column | 0xabcd0000, 1), KDZK_DONE);
         const auto* data = static_cast<const uint8_t*>(col.vec.data);
         for (size_t row = 0; row < rows; row++) {
@@ -388,7 +382,8 @@ class PackRows : public testing::TestWithParam<Packing> {
   std::deque<GuardedBuffer> values;
   Bytes pair_bytes;
   uint8_t *matrix[3] = {}, *data[2] = {}, *offsets[2] = {}, *pair_cursors[2] = {}, *limits[2] = {};
-  kdzk_rowstore target{}, source{};
+  kdzk_rowstore source{.ncols = layout.ncols, .pairs = matrix};
+  kdzk_rowstore target{.ncols = 4711, .pair_cursors = pair_cursors, .offset_cursors = offsets, .data_cursors = data};
   kdzk_exec exec{};
 
   void make_rows(uint32_t rows, const std::function<size_t()>& length) {
@@ -399,17 +394,11 @@ class PackRows : public testing::TestWithParam<Packing> {
       put(&pair_bytes[i * 16 + 8], value.data());
     }
     matrix[2] = pair_bytes.data();
-    source.pairs = matrix;
-    source.ncols = layout.ncols;
     // Single values in every way to ask for them.
     const uint32_t both = random.below(2) == 0 ? 2 : 0;
     target.flags = (layout.offsets ? 8 | (random.bits() & 32) : 32u) | (layout.whole_rows ? 2 : both);
     source.flags = static_cast<uint32_t>(random.bits()) & ~2u;
     if (!layout.whole_rows) source.flags |= both;
-    target.ncols = 4711;
-    target.data_cursors = data;
-    target.offset_cursors = offsets;
-    target.pair_cursors = pair_cursors;
     target.data_limits = limits;
   }
 

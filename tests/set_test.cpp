@@ -17,28 +17,22 @@ struct Membership {
   uint32_t width, nrows;
   Codes rows;
   GuardedBuffer data;
-  std::function<bool(uint64_t)> has;
-  kdzk_enc_ctx enc{};
-  kdzk_vec input{}, set{}, result{};
-  kdzk_exec exec{};
   GuardedBits bits;
+  std::function<bool(uint64_t)> has;
   bool with_exec = true;
+  kdzk_enc_ctx enc{};
+  kdzk_vec input{.data = data.data(), .enc_ctx = &enc, .filter = no_address<uint64_t>(), .nrows = nrows};
+  kdzk_vec result{.bitvec = bits.words(), .hits = 12345, .nrows = nrows}, set;
+  kdzk_exec exec{};
 
   Membership(uint32_t w, Codes codes, const void* table, std::function<bool(uint64_t)> h)
       : width(w),
         nrows(static_cast<uint32_t>(codes.size())),
         rows(std::move(codes)),
         data(packed(rows, w), set_padding),
+        bits(nrows),
         has(std::move(h)),
-        bits(nrows) {
-    input.data = data.data();
-    input.enc_ctx = &enc;
-    input.nrows = result.nrows = nrows;
-    input.filter = no_address<uint64_t>();
-    set.bitvec = static_cast<uint64_t*>(const_cast<void*>(table));
-    result.bitvec = bits.words();
-    result.hits = 12345;
-  }
+        set{.bitvec = static_cast<uint64_t*>(const_cast<void*>(table))} {}
   Membership(const Membership&) = delete;
 
   std::string name() const { return dict_kernel("set", width); }

@@ -28,23 +28,21 @@ namespace {
 
 // A column, accumulators or an output behind it, and group ids.
 struct Call {
-  kdzk_enc_ctx enc{};
-  kdzk_vec input{}, result{}, groups{};
-  kdzk_exec exec{};
-  GuardedBuffer column, out, ids;
+  GuardedBuffer column;
   size_t slack;
+  GuardedBuffer out, ids;
+  kdzk_enc_ctx enc;
+  kdzk_vec input, result{.data = out.data(), .hits = 4711}, groups{.data = ids.data()};
+  kdzk_exec exec{};
 
   Call(uint8_t float_kind, const Bytes& stored, uint32_t nrows, const Bytes& out_before, Random& random,
-       const std::vector<uint32_t>& group_ids = {})
-      : column(stored, any_slack(random)), out(out_before, slack = any_slack(random)), ids(bytes_of(group_ids), 0) {
-    enc.float_kind = float_kind;
-    input.data = column.data();
-    input.enc_ctx = &enc;
-    input.nrows = nrows;
-    result.data = out.data();
-    result.hits = 4711;
-    groups.data = ids.data();
-  }
+       const Codes& group_ids = {})
+      : column(stored, any_slack(random)),
+        slack(any_slack(random)),
+        out(out_before, slack),
+        ids(bytes_of(group_ids), 0),
+        enc{.float_kind = float_kind},
+        input{.data = column.data(), .enc_ctx = &enc, .nrows = nrows} {}
   uint64_t decode(const kdzk_exec* with) { return library().decode_sortable(&result, &input, with); }
   uint64_t sum(bool by_group) { return library().sum_sortable(&result, &input, by_group ? &groups : nullptr, &input); }
   Bytes output() {

@@ -50,9 +50,7 @@ struct Column {
   Column(const Column&) = delete;
 
   uint64_t call(kdzk_vec* result, uint64_t reported) {
-    kdzk_result_report report{};
-    report.bitvec = run_bits.words();
-    report.hits = reported;
+    kdzk_result_report report{.bitvec = run_bits.words(), .hits = reported};
     return library().dispatch[kernel.id].burst(result, &src, &report);
   }
 
@@ -66,10 +64,7 @@ struct Column {
                              << count(chosen) << " set, reported " << reported,
                    random);
     GuardedBits bits(want.size(), random.bits());
-    kdzk_vec result{};
-    result.bitvec = bits.words();
-    result.nrows = static_cast<uint32_t>(want.size());
-    result.hits = 4711;
+    kdzk_vec result{.bitvec = bits.words(), .hits = 4711, .nrows = static_cast<uint32_t>(want.size())};
     EXPECT_EQ(call(&result, reported), count(want) > 0 ? KDZK_DONE : KDZK_NO_ROW);
     expect_bits(bits, want, 0);
     EXPECT_EQ(result.hits, count(want));
@@ -159,16 +154,7 @@ TEST_P(BurstRle, SetsStretchesAtEveryBit) {
 
 TEST_P(BurstRle, BearsNoRuns) {
   Column column(GetParam(), {}, {}, random);
-  for (const uint32_t rows : {0u, 70u}) {  // rows without runs are clear
-    GuardedBits bits(rows);
-    kdzk_vec result{};
-    result.bitvec = bits.words();
-    result.nrows = rows;
-    result.hits = 4711;
-    EXPECT_EQ(column.call(&result, 0), KDZK_NO_ROW);
-    EXPECT_EQ(result.hits, 0u);
-    EXPECT_EQ(bits.rows(), std::vector<bool>(rows));
-  }
+  for (const uint32_t rows : {0u, 70u}) column.expect_rows(0, random, rows);
 }
 
 TEST_P(BurstRle, TakesOneRecordForBoth) {
@@ -185,9 +171,7 @@ TEST_P(BurstRle, TakesOneRecordForBoth) {
 TEST_P(BurstRle, EndsTheProcessOnABrokenInvariant) {
   Column column(GetParam(), {3, 4}, {true, false}, random);
   uint64_t bits = 0;
-  kdzk_vec result{};
-  result.bitvec = &bits;
-  result.nrows = 7;
+  kdzk_vec result{.bitvec = &bits, .nrows = 7};
   const auto same = [&] {
     result.bitvec = column.run_bits.words();
     column.call(&result, 1);
@@ -217,21 +201,19 @@ TEST(BurstRleColumn, GoesFromPredicateToRows) {
                          length_bits < 32 ? run_lengths.data() : nullptr, run_offsets.data());
     GuardedBuffer data(packed(run_codes, 3));
     GuardedBits run_bits(runs), bits(nrows);
-    kdzk_enc_ctx enc{};
-    enc.flags = KDZK_RLE | KDZK_PACKED_DICT;
-    enc.width = 3;
-    enc.own_nrows = runs;
-    enc.own_bitvec = run_bits.words();
-    enc.unpack_base = reinterpret_cast<uint64_t>(run_lengths.data());
-    enc.unpack_width = static_cast<uint8_t>(length_bits);
-    enc.run_offsets = run_offsets.data();
+    kdzk_enc_ctx enc{.unpack_base = reinterpret_cast<uint64_t>(run_lengths.data()),
+                     .unpack_width = static_cast<uint8_t>(length_bits),
+                     .own_nrows = runs,
+                     .run_offsets = run_offsets.data(),
+                     .own_bitvec = run_bits.words(),
+                     .flags = KDZK_RLE | KDZK_PACKED_DICT,
+                     .width = 3};
     enc.result_cb = [](const kdzk_env*, kdzk_vec* result, const kdzk_vec* input, const kdzk_result_report* report) {
       const uint32_t id = input->enc_ctx->unpack_width == 8 ? 878 : input->enc_ctx->unpack_width == 16 ? 1902 : 1006;
       return static_cast<uint32_t>(library().dispatch[id].burst(result, input, report));
     };
-    kdzk_vec input{}, result{};
-    input.data = data.data();
-    input.enc_ctx = &enc;
+    kdzk_vec input{.data = data.data(), .enc_ctx = &enc};
+    kdzk_vec result{};
     input.nrows = result.nrows = nrows;
     result.bitvec = bits.words();
     uint32_t three = 3;

@@ -35,15 +35,14 @@ struct Column {
   const Member member;
   Codes rows;  // the code of each row
   std::unique_ptr<GuardedBuffer> data, lengths;
-  kdzk_enc_ctx enc{};
-  kdzk_vec input{};
-  kdzk_exec exec{};
+  kdzk_enc_ctx enc{.width = static_cast<uint8_t>(member.width)};
+  kdzk_vec input{.enc_ctx = &enc};
+  kdzk_exec exec{.flags = static_cast<uint8_t>(member.wide ? KDZK_EX_UNPACK_WIDE : 0)};
   uint32_t written_behind = 0;  // elements that a call may write past its hits
 
   // Runs of these codes and lengths, or plain if there is no length.
   Column(const Member& m, const Codes& codes, const Codes& run_lengths, uint32_t length_bits) : member(m), rows(codes) {
     data = std::make_unique<GuardedBuffer>(packed(codes, m.width));
-    enc.width = static_cast<uint8_t>(member.width);
     if (length_bits != 0) {
       rows.clear();
       for (size_t run = 0; run < codes.size(); run++) rows.insert(rows.end(), run_lengths[run], codes[run]);
@@ -53,9 +52,7 @@ struct Column {
       enc.unpack_width = static_cast<uint8_t>(length_bits);
     }
     input.data = data->data();
-    input.enc_ctx = &enc;
     input.nrows = static_cast<uint32_t>(rows.size());
-    exec.flags = member.wide ? KDZK_EX_UNPACK_WIDE : 0;
   }
   Column(const Column&) = delete;
 
@@ -68,10 +65,7 @@ struct Column {
   Outcome call(uint32_t capacity) {
     const size_t element = member.element();
     GuardedBuffer out(capacity * element, 0, 0x5a);
-    kdzk_vec result{};
-    result.data = out.data();
-    result.nrows = capacity;
-    result.hits = 4711;
+    kdzk_vec result{.data = out.data(), .hits = 4711, .nrows = capacity};
     exec.out_flags = 0;
     const uint64_t returned = library().dispatch[member.id()].decode(&result, &input, &exec);
     Outcome outcome = {{}, exec.out_flags};
@@ -243,8 +237,7 @@ TEST_P(DecodeUnpack, EmptyRowListsOfRunsAreTheHostsError) {
     Column c = column(length_bits, 20);
     c.exec.env = &host.env;
     c.exec.ones_vec = &list;
-    kdzk_vec result{};
-    result.hits = 3;
+    kdzk_vec result{.hits = 3};
     EXPECT_EQ(library().dispatch[GetParam().id()].decode(&result, &c.input, &c.exec),
               length_bits != 0 ? KDZK_DONE : KDZK_NO_ROW);
     EXPECT_EQ(result.hits, 0u);

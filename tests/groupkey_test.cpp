@@ -41,27 +41,22 @@ struct GroupKey {
   std::vector<kdzk_enc_ctx> enc;
   std::vector<kdzk_vec> vecs;
   SqzbHost scratch;  // for its scratch
-  kdzk_env env{};
-  kdzk_exec exec{};
+  kdzk_env env{.hctx = &scratch, .tmp_alloc = scratch.ctx.tmp_alloc, .tmp_free = scratch.ctx.tmp_free};
+  kdzk_exec exec{.env = &env};
   uint32_t key_count = 4711;
 
   GroupKey(std::vector<Column> c, bool multiplies) : columns(std::move(c)), enc(columns.size()), vecs(columns.size()) {
     for (size_t i = 0; i < columns.size(); i++) {
-      enc[i].kind = static_cast<uint8_t>(dict_kernel_id(columns[i].width, 42) / 128 * 4 + 1);
-      enc[i].flags = KDZK_PACKED_DICT | (columns[i].runs ? KDZK_RLE : 0);
-      enc[i].width = static_cast<uint8_t>(columns[i].width);
-      enc[i].dict_size = columns[i].dict_size;
-      enc[i].unpack_base = reinterpret_cast<uint64_t>(columns[i].lengths.data());
-      enc[i].unpack_width = 8;
-      vecs[i].data = columns[i].data.data();
-      vecs[i].enc_ctx = &enc[i];
-      vecs[i].nrows = static_cast<uint32_t>(columns[i].codes.size());
+      Column& column = columns[i];
+      enc[i] = {.kind = static_cast<uint8_t>(dict_kernel_id(column.width, 42) / 128 * 4 + 1),
+                .dict_size = column.dict_size,
+                .unpack_base = reinterpret_cast<uint64_t>(column.lengths.data()),
+                .unpack_width = 8,
+                .flags = KDZK_PACKED_DICT | (column.runs ? KDZK_RLE : 0),
+                .width = static_cast<uint8_t>(column.width)};
+      vecs[i] = {.data = column.data.data(), .enc_ctx = &enc[i], .nrows = static_cast<uint32_t>(column.codes.size())};
     }
-    env.hctx = &scratch;
-    env.tmp_alloc = scratch.ctx.tmp_alloc;
-    env.tmp_free = scratch.ctx.tmp_free;
     scratch.leaves_handles = true;
-    exec.env = &env;
     exec.flags = multiplies ? KDZK_EX_GROUP_MUL : 0;
     exec.run = {77, 99};  // not this function's
   }
@@ -79,12 +74,8 @@ struct GroupKey {
   // One call with room for so many keys and so much scratch, and its keys.
   uint64_t call(uint32_t room, uint32_t batch, Codes& keys) {
     GuardedBuffer out(size_t{room} * 4), temp(size_t{batch} * 4);
-    kdzk_vec result{}, temp_vec{};
-    result.data = out.data();
-    result.nrows = room;
-    result.hits = 4711;
-    temp_vec.data = temp.data();
-    temp_vec.nrows = batch;
+    kdzk_vec result{.data = out.data(), .hits = 4711, .nrows = room};
+    kdzk_vec temp_vec{.data = temp.data(), .nrows = batch};
     const kdzk_exec before = exec;
     const uint64_t ncols = columns.size() | uint64_t{0xabc} << 32;  // the upper half isn't looked at
     const uint64_t code = library().groupkey_dydi(&result, &key_count, vecs.data(), ncols, &temp_vec, &exec);

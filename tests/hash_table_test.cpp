@@ -224,6 +224,7 @@ class Table {
 
   // A call of the build: the row where it stops.
   uint32_t build(const std::vector<Row>& rows, uint32_t row) {
+    if (row > rows.size()) row = static_cast<uint32_t>(rows.size());
     while (row < rows.size()) {
       const uint32_t end = std::min<uint32_t>(row + 1024, static_cast<uint32_t>(rows.size()));
       hashed += end - row;
@@ -239,6 +240,7 @@ class Table {
   // A call of the probe: the row where it stops. `out` has room for `capacity` pairs.
   uint32_t probe(const std::vector<Row>& rows, uint32_t row, uint32_t capacity, uint8_t* out, uint32_t* pairs) {
     uint32_t written = *pairs = 0;
+    if (row > rows.size()) row = static_cast<uint32_t>(rows.size());
     for (uint32_t i = 0; row < rows.size(); row++, i++, *pairs = written) {
       if (i % 1024 == 0) hashed += std::min<uint32_t>(1024, static_cast<uint32_t>(rows.size()) - row);
       bool finished = false;
@@ -292,10 +294,10 @@ void expect_exec(const kdzk_exec& got, kdzk_exec before, uint32_t row, uint64_t 
 void build(Random& random, Table& table, std::vector<Row> rows, uint32_t flag) {
   Columns columns(random, rows, flag, table.form.payload);
   kdzk_exec exec = fresh_exec();
-  for (bool done = false; !done;) {
+  for (int times_done = 0; times_done < 2;) {  // once more at or behind the end, where nothing happens
     const kdzk_exec before = exec;
     const uint32_t stop = table.build(rows, exec.row);
-    done = stop == rows.size();
+    const bool done = stop == rows.size();
     hash_calls = 0;
     const uint64_t code = library().ht_build(&table.desc, &columns.keys->vec, &columns.ids->vec, table.layout.partition,
                                              is_hashed(flag) ? masked_hash : nullptr, &exec);
@@ -305,15 +307,10 @@ void build(Random& random, Table& table, std::vector<Row> rows, uint32_t flag) {
     expect_exec(exec, before, stop, columns.keys->positions()[stop],
                 done ? before.part : table.layout.part(rows[stop].hash));
     ASSERT_TRUE(table.agrees());
-    if (!done) table.give_room(table.layout.entry(rows[stop].hash), 1 + random.below(8));
     if (testing::Test::HasFailure()) return;
+    if (!done) table.give_room(table.layout.entry(rows[stop].hash), 1 + random.below(8));
+    if (done && times_done++ == 0) exec.row += static_cast<uint32_t>(random.below(3));
   }
-  exec.row += static_cast<uint32_t>(random.below(3));  // at or behind the end: nothing happens
-  const kdzk_exec before = exec;
-  ASSERT_EQ(
-      library().ht_build(&table.desc, &columns.keys->vec, &columns.ids->vec, table.layout.partition, nullptr, &exec),
-      0u);
-  expect_exec(exec, before, columns.keys->vec.nrows, before.key_off, before.part);
 }
 
 // Looks rows up as one vector, with room for so many pairs in each call and more where a row needs it.
@@ -323,16 +320,14 @@ void probe(Random& random, Table& table, std::vector<Row> rows, uint32_t flag, u
     for (Row& row : rows) row.id &= 0xffffffff;
   }
   kdzk_exec exec = fresh_exec();
-  for (bool done = false; !done;) {
+  for (int times_done = 0; times_done < 2;) {
     const auto capacity = static_cast<uint32_t>(random.below(most + 1));
     GuardedBuffer out(capacity * size_t{16}), want(capacity * size_t{16});
     const kdzk_exec before = exec;
     uint32_t pairs;
     const uint32_t stop = table.probe(rows, exec.row, capacity, want.data(), &pairs);
-    done = stop == rows.size();
-    kdzk_vec result{};
-    result.data = out.data();
-    result.nrows = capacity;
+    const bool done = stop == rows.size();
+    kdzk_vec result{.data = out.data(), .nrows = capacity};
     hash_calls = 0;
     const uint64_t code = library().ht_probe(&result, &columns.keys->vec, &columns.ids->vec, &table.desc,
                                              is_hashed(flag) ? masked_hash : nullptr, &exec);
@@ -342,16 +337,10 @@ void probe(Random& random, Table& table, std::vector<Row> rows, uint32_t flag, u
     table.hashed = 0;
     expect_exec(exec, before, stop, columns.keys->positions()[stop], before.part);
     ASSERT_EQ(std::memcmp(out.data(), want.data(), out.size()), 0);
-    if (pairs == 0) most = most * 2 + 1;
     if (testing::Test::HasFailure()) return;
+    if (pairs == 0) most = most * 2 + 1;
+    if (done && times_done++ == 0) exec.row += static_cast<uint32_t>(random.below(3));
   }
-  kdzk_vec result{};
-  result.nrows = 5;
-  exec.row += static_cast<uint32_t>(random.below(3));
-  const kdzk_exec before = exec;
-  ASSERT_EQ(library().ht_probe(&result, &columns.keys->vec, &columns.ids->vec, &table.desc, nullptr, &exec), 0u);
-  EXPECT_EQ(result.nrows, 0u);
-  expect_exec(exec, before, columns.keys->vec.nrows, before.key_off, before.part);
 }
 
 class HashTable : public testing::TestWithParam<std::pair<uint32_t, uint32_t>> {};
@@ -434,13 +423,10 @@ TEST(HashTableRefusals, LeaveEverythingUntouched) {
     const uint32_t keyed_flags = KDZK_HASH_U32 | (flags == 0x1004 ? KDZK_KEYED24 : 0);
     const uint32_t build_takes = plain ? plain_flags : key_mode ? keyed_flags : 0;
     const uint32_t probe_takes = plain ? plain_flags & ~KDZK_KEYED16 : key_mode ? KDZK_HASH_U32 : 0;
-    kdzk_htdesc desc{};
-    desc.flags = flags;
+    kdzk_htdesc desc{.flags = flags};
     kdzk_enc_ctx enc{};
-    kdzk_vec keys{}, out{};
-    keys.enc_ctx = &enc;
-    keys.nrows = 3;
-    out.nrows = 7;
+    kdzk_vec keys{.enc_ctx = &enc, .nrows = 3};
+    kdzk_vec out{.nrows = 7};
     kdzk_exec exec = fresh_exec();
     enc.flags = ~build_takes;
     EXPECT_EQ(library().ht_build(&desc, &keys, &keys, -1, nullptr, &exec), KDZK_UNSUPPORTED) << flags;

@@ -233,9 +233,7 @@ TEST_P(Partition, AgreesWithTheModelInEveryCall) {
     for (const uint32_t n : {0u, 1u, 5u, 60u, 1024u, 1025u, 2500u}) {
       const Case now(Message() << name << ", bits " << lo << " to " << hi << ", " << n << " rows", random);
       Input input(leaf, n, random);
-      kdzk_partdesc desc{};
-      desc.leading = 0xffffffff;
-      desc.flags = flags_of(leaf.layout);
+      kdzk_partdesc desc{.leading = 0xffffffff, .flags = flags_of(leaf.layout)};
       if (leaf.key_form == records || leaf.layout < 'C') desc.flags |= static_cast<uint8_t>(0x10 * random.below(2));
       desc.part_hi = static_cast<uint8_t>(hi);
       desc.part_lo = static_cast<uint8_t>(lo);
@@ -249,8 +247,7 @@ TEST_P(Partition, AgreesWithTheModelInEveryCall) {
       enum { ample, no_limits, two_stops, tiny };
       for (const int room : {ample, no_limits, two_stops, tiny}) {
         if (room == tiny && n > 60 && (n != 2500 || partitions > 8)) continue;
-        kdzk_exec exec{};
-        exec.part = 4711;
+        kdzk_exec exec{.part = 4711};
         if (input.key_positions.empty()) exec.key_off = 0x1111;  // not looked at
         if (input.payload_positions.empty()) exec.payload_off = 0x2222;
         std::vector<uint64_t> rooms(partitions);
@@ -282,9 +279,8 @@ TEST(PartitionForms, AreThoseOfTheMatrix) {
                                 KDZK_KEYED16,     KDZK_HASH_U32,  KDZK_KEYED24 | KDZK_PACKED_DICT};
   const uint32_t any_value = KDZK_FIXED_BYTES | KDZK_LEN_ARRAY | KDZK_LEN_PREFIXED | KDZK_PTR_LEN | KDZK_PAIR16;
   kdzk_enc_ctx key_enc{}, row_enc{};
-  kdzk_vec keys{}, rows{};
-  keys.enc_ctx = &key_enc;
-  rows.enc_ctx = &row_enc;
+  kdzk_vec keys{.enc_ctx = &key_enc};
+  kdzk_vec rows{.enc_ctx = &row_enc};
   kdzk_partdesc desc{};
   for (uint32_t flags = 0; flags < 256; flags++) {
     desc.flags = static_cast<uint8_t>(flags);
@@ -307,9 +303,7 @@ TEST(PartitionForms, AreThoseOfTheMatrix) {
         }
         key_enc.flags = k;
         row_enc.flags = r;
-        kdzk_exec exec{};
-        exec.part = 3;
-        exec.row = 5;
+        kdzk_exec exec{.part = 3, .row = 5};
         exec.key_off = 7;
         exec.payload_off = 9;
         kdzk_exec want = exec;
@@ -330,13 +324,8 @@ TEST(PartitionForms, TakesPositionsOfFixedColumnsModulo32Bits) {
   column.vec.nrows = (1u << 28) + 3;
   GuardedBuffer first(3 * 24), second(3 * 24);
   uint8_t *cursors[2] = {first.data(), second.data()}, *limits[2] = {nullptr, nullptr};
-  kdzk_partdesc desc{};
-  desc.flags = 0x0c;
-  desc.payload_size = 16;
-  desc.cursors = cursors;
-  desc.limits = limits;
-  kdzk_exec exec{};
-  exec.row = 1u << 28;
+  kdzk_partdesc desc{.flags = 0x0c, .payload_size = 16, .cursors = cursors, .limits = limits};
+  kdzk_exec exec{.row = 1u << 28};
   std::vector<Bytes> want(2);
   for (const Bytes& value : values) {
     const uint64_t hash = plain_hash(value.data(), 16, 0);

@@ -141,18 +141,12 @@ class Xlate : public testing::TestWithParam<Kernel> {
     kdzk_enc_ctx enc{};
     enc.flags = KDZK_NUMERIC | KDZK_BLOCKED;  // the second isn't looked at
     enc.width = 32;
-    kdzk_vec input{}, result{};
-    input.data = codes.data();
-    input.enc_ctx = &enc;
-    input.nrows = nrows;
-    result.data = &range;
-    result.bitvec = bits.words();
-    result.hits = 4711;
-    kdzk_exec exec{};
-    exec.start_row = start;
-    exec.xlate_info = k.index == "off" ? &table.enc : nullptr;
-    exec.xlate_map = k.c2d ? map.data() : nullptr;
-    exec.selection = selected ? selection.words() : nullptr;
+    kdzk_vec input{.data = codes.data(), .enc_ctx = &enc, .nrows = nrows};
+    kdzk_vec result{.data = &range, .bitvec = bits.words(), .hits = 4711};
+    kdzk_exec exec{.selection = selected ? selection.words() : nullptr,
+                   .start_row = start,
+                   .xlate_info = k.index == "off" ? &table.enc : nullptr,
+                   .xlate_map = k.c2d ? map.data() : nullptr};
     exec.flags = selected ? 0 : KDZK_EX_SELECTIVE;  // plays no part
     exec.out_flags2 = 0x40;
     kdzk_exec want_exec = exec;
@@ -206,16 +200,10 @@ TEST_P(Xlate, RefusesOtherFormsUntouched) {
                                      {KDZK_NUMERIC, 64}}) {
     const uint64_t word = 1;
     for (const uint64_t* const selection : {&word, static_cast<const uint64_t*>(nullptr)}) {
-      kdzk_enc_ctx enc{};
-      enc.flags = flags;
-      enc.width = static_cast<uint8_t>(width);
-      kdzk_vec input{}, result{};
-      input.enc_ctx = &enc;
-      input.nrows = 40;
-      result.hits = 4711;
-      kdzk_exec exec{};
-      exec.xlate_info = &table.enc;
-      exec.selection = selection;
+      kdzk_enc_ctx enc{.flags = flags, .width = static_cast<uint8_t>(width)};
+      kdzk_vec input{.enc_ctx = &enc, .nrows = 40};
+      kdzk_vec result{.hits = 4711};
+      kdzk_exec exec{.selection = selection, .xlate_info = &table.enc};
       EXPECT_EQ(library().dispatch[GetParam().id()].xlate(&result, &input, &table.vec, &exec), KDZK_UNSUPPORTED);
       EXPECT_EQ(result.hits, 4711u);
       EXPECT_EQ(exec.out_flags2, 0);
@@ -242,14 +230,9 @@ TEST(XlateGroupkey, AddsElementsTimesTheStride) {
           want[r] = keys_before[r] + table.element(rows[r]) * stride;
         }
         GuardedBuffer codes(bytes_of(rows)), keys(bytes_of(keys_before));
-        kdzk_vec input{}, result{};
-        input.data = codes.data();
-        input.nrows = nrows;
-        result.data = keys.data();
-        result.hits = 4711;
-        kdzk_exec exec{};
-        exec.xlate_map = table.pages[0]->data();
-        exec.group_stride = stride;
+        kdzk_vec input{.data = codes.data(), .nrows = nrows};
+        kdzk_vec result{.data = keys.data(), .hits = 4711};
+        kdzk_exec exec{.xlate_map = table.pages[0]->data(), .group_stride = stride};
         exec.start_row = 3;  // isn't looked at
         EXPECT_EQ(library().dispatch[k.id()].xlate(&result, &input, nullptr, &exec),
                   nrows > 0 ? KDZK_DONE : KDZK_NO_ROW);

@@ -1,35 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 // The host kit's loader, its look-up of kernels, and its memory.
 
-#include <gtest/gtest.h>
 #include <kdzk/host.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <fstream>
 #include <set>
 
-#include "tests/support/host.h"
+#include "tests/support/kernel_of.h"
+#include "tests/support/streams.h"
 
 namespace kdzk_test {
 namespace {
 
 // ---- The loader. ----
-
-// A file with these bytes, for the duration of a test.
-class File {
- public:
-  explicit File(const std::string& bytes) : path_(testing::TempDir() + "kdzk_file_" + std::to_string(getpid())) {
-    std::ofstream(path_, std::ios::binary) << bytes;
-  }
-  ~File() { unlink(path_.c_str()); }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 void expect_refused(const std::string& path, uint32_t code, const std::string& sentence) {
   kdzk_host_library library;
@@ -42,6 +26,14 @@ void expect_refused(const std::string& path, uint32_t code, const std::string& s
   EXPECT_NE(std::string(library.text).find(": "), std::string::npos) << library.text;
   EXPECT_LT(std::strlen(library.text), sizeof library.text - 1);
   kdzk_host_unload(&library);
+}
+
+// Of a file with these bytes.
+void expect_bytes_refused(const std::string& bytes, uint32_t code, const std::string& sentence) {
+  const std::string path = testing::TempDir() + "kdzk_file_" + std::to_string(getpid());
+  std::ofstream(path, std::ios::binary) << bytes;
+  expect_refused(path, code, sentence);
+  unlink(path.c_str());
 }
 
 // The first bytes of a shared object with another 16-bit number at `offset`.
@@ -61,16 +53,12 @@ TEST(Loader, RefusesFilesThatAreNoLibrary) {
   expect_refused("/" + std::string(5000, 'x'), KDZK_HOST_NO_FILE, "can't read ...xxx");
   expect_refused("/", KDZK_HOST_NO_FILE, "can't read / (Is a directory)");
   expect_refused(KDZK_SOURCE_DIR "/README.md", KDZK_HOST_NO_OBJECT, "README.md is no shared object");
-  expect_refused(File("\x7f"
-                      "ELF")
-                     .path(),
-                 KDZK_HOST_NO_OBJECT, "no ELF header");
+  expect_bytes_refused("\177ELF", KDZK_HOST_NO_OBJECT, "no ELF header");
   constexpr size_t type_at = 16, machine_at = 18;
-  expect_refused(File(header_with(machine_at, 183)).path(), KDZK_HOST_NO_OBJECT,
-                 "for another processor (ELF machine 183)");
-  expect_refused(File(header_with(4, 0x101)).path(), KDZK_HOST_NO_OBJECT, "for another processor");  // of 32 bits
-  expect_refused(File(header_with(type_at, 2)).path(), KDZK_HOST_NO_OBJECT, "(ELF type 2), not a shared object");
-  expect_refused(File(header_with(type_at, 3)).path(), KDZK_HOST_NOT_OPENED, "see that the file is whole");
+  expect_bytes_refused(header_with(machine_at, 183), KDZK_HOST_NO_OBJECT, "for another processor (ELF machine 183)");
+  expect_bytes_refused(header_with(4, 0x101), KDZK_HOST_NO_OBJECT, "for another processor");  // of 32 bits
+  expect_bytes_refused(header_with(type_at, 2), KDZK_HOST_NO_OBJECT, "(ELF type 2), not a shared object");
+  expect_bytes_refused(header_with(type_at, 3), KDZK_HOST_NOT_OPENED, "see that the file is whole");
 }
 
 TEST(Loader, RefusesOtherLibraries) {
@@ -150,16 +138,15 @@ TEST(FindKernel, KnowsTheRuleOfTablesAndOperands) {
     }
   }
   const std::string operations[] = {"add", "sub", "mul"};
-  for (uint32_t row : {0u, 1u, 4u, 5u, 8u, 9u, 12u, 13u, 32u, 33u, 36u, 37u, 40u, 41u, 44u, 45u}) {
-    for (uint32_t operation = 0; operation < 3; operation++) {
+  for (uint32_t row = 0; row < 46; row++) {
+    if ((row & ~(32u | 8 | 4 | 1)) != 0) continue;  // a variant, a sortable right and left side, doubles
+    for (uint32_t operation = 0; operation < 3; operation++)
       expect("kdzk_" + operations[operation] + (row & 1 ? "_double" : "_float") + (row & 4 ? "_c" : "_n") +
                  (row & 8 ? "_c" : "_n") + (row & 32 ? "_sum" : ""),
              row * 128 + 19 + operation);
-    }
   }
-  for (uint32_t width = 1; width <= 20; width++) {
+  for (uint32_t width = 1; width <= 20; width++)
     expect("kdzk_set_dict_" + std::to_string(width) + "bit", (width - 1) * 128 + 45);
-  }
   kdzk_host_kernel kernel;  // what the rule doesn't have, whatever the table says
   for (const char* name : {"kdzk_eq_rle_8bit", "kdzk_burst_dict_8bit", "kdzk_burst_rle_9bit", "kdzk_eq_dict_21bit",
                            "kdzk_xlate_dict_8bit", "kdzk_eq_sim_ub1", "kdzk_xlate_float_n_n", "kdzk_add_dict_8bit"}) {
@@ -217,30 +204,26 @@ enum class Kind { malloc, arena, guarded };
 
 class AnyMemory : public testing::Test {
  protected:
-  static constexpr uint32_t rows = 3000, width = 13;
+  static constexpr uint32_t rows = 3000;
 
   explicit AnyMemory(Kind kind) : kind_(kind), room_(1 << 20) {
-    std::vector<uint32_t> codes;
+    Codes codes;
     for (uint32_t row = 0; row < rows; row++) codes.push_back(row * row % 97);
-    for (uint32_t code : codes) below_50_ += code < 50;
-    std::vector<uint8_t> packed(kdzk_host_packed_bytes(rows, width));
-    kdzk_host_pack(codes.data(), rows, width, packed.data());
-    block_.resize(kdzk_host_sqzb_bound(static_cast<uint32_t>(packed.size()), KDZK_HOST_SQZB_ANY_WIDTH));
+    below_50_ = static_cast<uint32_t>(std::count_if(codes.begin(), codes.end(), [](uint32_t c) { return c < 50; }));
+    const Bytes bytes = packed(codes, 13);
+    const auto size = static_cast<uint32_t>(bytes.size());
+    block_.resize(kdzk_host_sqzb_bound(size, KDZK_HOST_SQZB_ANY_WIDTH) + KDZK_PADDING);
     uint64_t block_size = 0;
-    EXPECT_EQ(kdzk_host_sqzb_write(packed.data(), static_cast<uint32_t>(packed.size()), KDZK_HOST_SQZB_ANY_WIDTH,
-                                   block_.data(), block_.size(), &block_size),
-              KDZK_HOST_DONE);
-    block_.resize(block_size + KDZK_PADDING);
-    column_.flags = KDZK_BLOCKED;
-    column_.width = width;
-    for (int i = 0; i < 3; i++) {
-      vectors_[i].data = block_.data();
-      vectors_[i].enc_ctx = &column_;
-      vectors_[i].nrows = rows;
-      vectors_[i].decomp_size = static_cast<uint32_t>(packed.size());
-      vectors_[i].decomp_slot = &slots_[i];
-      vectors_[i].alloc_tag = kdzk_host_tag(&slots_[i]);
-    }
+    EXPECT_EQ(
+        kdzk_host_sqzb_write(bytes.data(), size, KDZK_HOST_SQZB_ANY_WIDTH, block_.data(), block_.size(), &block_size),
+        KDZK_HOST_DONE);
+    for (int i = 0; i < 3; i++)
+      vectors_[i] = {.data = block_.data(),
+                     .enc_ctx = &column_,
+                     .nrows = rows,
+                     .decomp_size = size,
+                     .decomp_slot = &slots_[i],
+                     .alloc_tag = kdzk_host_tag(&slots_[i])};
     make(room_.size());
   }
 
@@ -252,33 +235,37 @@ class AnyMemory : public testing::Test {
 
   // `lt` by 50 on a vector.
   void scan(int vector) {
-    kdzk_host_kernel lt;
-    ASSERT_EQ(kdzk_host_find_kernel(&library(), KDZK_OP_LT, KDZK_HOST_FORM_DICT, width, &lt), KDZK_HOST_FOUND);
     std::vector<uint64_t> bits(kdzk_host_bitvec_words(rows));
     uint32_t k = 50;
-    kdzk_vec result{};
-    result.bitvec = bits.data();
-    result.nrows = rows;
-    kdzk_kargs constant{};
-    constant.data = &k;
-    kdzk_exec exec{};
-    exec.env = &memory_.env;
-    EXPECT_EQ(lt.entry.compare(&result, &vectors_[vector], &constant, &exec), KDZK_DONE);
+    kdzk_vec result{.bitvec = bits.data(), .nrows = rows};
+    const kdzk_kargs constant{.data = &k};
+    kdzk_exec exec{.env = &memory_.env};
+    const kdzk_kernel lt = kernel_of(KDZK_OP_LT, KDZK_HOST_FORM_DICT, 13);
+    EXPECT_EQ(lt.compare(&result, &vectors_[vector], &constant, &exec), KDZK_DONE);
     EXPECT_EQ(result.hits, below_50_);
   }
+  uint8_t* scratch(uint64_t size, uint32_t unit, void** word) {
+    return static_cast<uint8_t*>(memory_.env.tmp_alloc(memory_.env.hctx, size, "k: scratch", unit, 0, word));
+  }
+  void give_back(void* piece, void* word) { memory_.env.tmp_free(memory_.env.hctx, piece, word); }
 
   const Kind kind_;
-  uint32_t below_50_ = 0;
-  std::vector<uint8_t> block_, room_;
-  kdzk_enc_ctx column_{};
-  kdzk_vec vectors_[3] = {};
+  uint32_t below_50_;
+  Bytes block_, room_;
+  const kdzk_enc_ctx column_{.flags = KDZK_BLOCKED, .width = 13};
+  kdzk_vec vectors_[3];
   void* slots_[3] = {};
   kdzk_host_memory memory_;
 };
 
-class Memory : public AnyMemory, public testing::WithParamInterface<Kind> {
- protected:
+struct Memory : AnyMemory, testing::WithParamInterface<Kind> {
   Memory() : AnyMemory(GetParam()) {}
+};
+struct Arena : AnyMemory {
+  Arena() : AnyMemory(Kind::arena) {}
+};
+struct GuardedMemory : AnyMemory {
+  GuardedMemory() : AnyMemory(Kind::guarded) {}
 };
 
 TEST_P(Memory, HoldsCopiesUntilTheyAreGivenBack) {
@@ -307,11 +294,6 @@ TEST_P(Memory, HoldsCopiesUntilTheyAreGivenBack) {
 
 INSTANTIATE_TEST_SUITE_P(Kinds, Memory, testing::Values(Kind::malloc, Kind::arena, Kind::guarded));
 
-class Arena : public AnyMemory {
- protected:
-  Arena() : AnyMemory(Kind::arena) {}
-};
-
 TEST_F(Arena, IsEnoughAtItsHighWaterMark) {
   scan(0);
   scan(1);
@@ -332,26 +314,18 @@ TEST_F(Arena, IsEnoughAtItsHighWaterMark) {
 
 TEST_F(Arena, TakesTheLastScratchAgain) {
   void *first_word = &first_word, *second_word = &second_word;
-  const auto scratch = [&](uint64_t size, void** word) {
-    return static_cast<uint8_t*>(memory_.env.tmp_alloc(memory_.env.hctx, size, "k: scratch", 8, 0, word));
-  };
-  uint8_t* const first = scratch(20, &first_word);
+  uint8_t* const first = scratch(20, 8, &first_word);
   const uint64_t bytes = memory_.bytes;
-  uint8_t* const second = scratch(41, &second_word);
+  uint8_t* const second = scratch(41, 8, &second_word);
   EXPECT_LE(second + 41, first);
   EXPECT_EQ(reinterpret_cast<uintptr_t>(first) % 8 + reinterpret_cast<uintptr_t>(second) % 8, 0u);
-  memory_.env.tmp_free(memory_.env.hctx, second, second_word);
+  give_back(second, second_word);
   EXPECT_EQ(memory_.bytes, bytes);
-  EXPECT_EQ(scratch(41, &second_word), second);
-  memory_.env.tmp_free(memory_.env.hctx, first, first_word);  // in the other order
-  memory_.env.tmp_free(memory_.env.hctx, second, second_word);
+  EXPECT_EQ(scratch(41, 8, &second_word), second);
+  give_back(first, first_word);  // in the other order
+  give_back(second, second_word);
   EXPECT_EQ(memory_.bytes, 0u);
 }
-
-class GuardedMemory : public AnyMemory {
- protected:
-  GuardedMemory() : AnyMemory(Kind::guarded) {}
-};
 
 // What a library with mistakes would do.
 TEST_F(GuardedMemory, ReportsMistakes) {
@@ -362,35 +336,32 @@ TEST_F(GuardedMemory, ReportsMistakes) {
     sentences.clear();
   };
   void *word = &word, *other = nullptr;
-  const auto scratch = [&](uint64_t size) {
-    return static_cast<uint8_t*>(memory_.env.tmp_alloc(memory_.env.hctx, size, "k: scratch", 4, 0, &word));
-  };
-  const auto free_it = [&](void* piece, void* out) { memory_.env.tmp_free(memory_.env.hctx, piece, out); };
+  const auto scratch_of = [&](uint64_t size) { return scratch(size, 4, &word); };
   const auto copy = [&](uint32_t size) {
     return static_cast<uint8_t*>(memory_.env.alloc(memory_.env.hctx, nullptr, size, "k: copy", 8, 16, 0));
   };
 
-  uint8_t* piece = scratch(100);
+  uint8_t* piece = scratch_of(100);
   piece[0] = piece[99] = 1;
   EXPECT_DEATH(piece[100] = 1, "");
-  free_it(piece, word);
+  give_back(piece, word);
   EXPECT_TRUE(sentences.empty());
   EXPECT_DEATH(piece[0] = 1, "");
-  free_it(piece, word);
+  give_back(piece, word);
   expect("\"k: scratch\" (100 bytes) was given back twice");
-  free_it(&other, word);
+  give_back(&other, word);
   EXPECT_NE(sentences.at(0).find("was given back, but is no scratch of this memory"), std::string::npos);
   sentences.clear();
-  piece = scratch(8);
-  free_it(piece, &other);
+  piece = scratch_of(8);
+  give_back(piece, &other);
   expect("\"k: scratch\" was given back with another `out` than tmp_alloc left");
-  piece = scratch(6);
+  piece = scratch_of(6);
   piece[-3] = 0;
-  free_it(piece, word);
+  give_back(piece, word);
   expect("byte 3 before \"k: scratch\" (6 bytes) was written");
-  piece = scratch(6);
+  piece = scratch_of(6);
   piece[7] = 0;  // which its alignment leaves
-  free_it(piece, word);
+  give_back(piece, word);
   expect("byte 1 behind \"k: scratch\" (6 bytes) was written");
 
   void* slot = copy(40);
@@ -401,12 +372,12 @@ TEST_F(GuardedMemory, ReportsMistakes) {
   slot = copy(0);
   kdzk_host_memory_release(&memory_, &slot);
   for (int i = 0; i < 1100; i++) {  // more than are remembered
-    piece = scratch(1);
-    free_it(piece, word);
+    piece = scratch_of(1);
+    give_back(piece, word);
   }
   EXPECT_TRUE(sentences.empty());
   copy(1);
-  scratch(2);
+  scratch_of(2);
   EXPECT_EQ(kdzk_host_memory_close(&memory_), 8u);
   EXPECT_EQ(sentences, (std::vector<std::string>{"\"k: scratch\" (2 bytes) was never given back",
                                                  "\"k: copy\" (1 bytes) was never given back"}));

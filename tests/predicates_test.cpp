@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Every predicate kernel of the matrix, found by its id as a host finds it, against a plain loop over codes.
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cstdio>
 #include <memory>
 
 #include "tests/support/predicate_oracle.h"
+#include "tests/support/streams.h"
 
 namespace kdzk_test {
 namespace {
@@ -24,8 +22,8 @@ struct Vector {
   Row low, high;
   GuardedBuffer data, lengths;
   Constant low_constant, high_constant;
-  kdzk_enc_ctx enc{};
-  kdzk_vec input{};
+  kdzk_enc_ctx enc;
+  kdzk_vec input;
 
   Vector(const PredicateKernel& k, std::vector<Row> r, Row lo, Row hi, uint8_t slack_fill = 0xa5)
       : kernel(k),
@@ -35,13 +33,12 @@ struct Vector {
         data(stored_data(k, rows), KDZK_PADDING, slack_fill),
         lengths(stored_lengths(k, rows), KDZK_PADDING, slack_fill),
         low_constant(k, lo),
-        high_constant(k, hi) {
-    enc.width = static_cast<uint8_t>(k.value_bytes > 0 ? 8 * k.value_bytes : k.width);
-    input.data = data.data();
-    input.lengths = k.has_lengths() ? lengths.data() : nullptr;
-    input.enc_ctx = &enc;
-    input.nrows = nrows();
-  }
+        high_constant(k, hi),
+        enc{.width = static_cast<uint8_t>(k.value_bytes > 0 ? 8 * k.value_bytes : k.width)},
+        input{.data = data.data(),
+              .lengths = k.has_lengths() ? lengths.data() : nullptr,
+              .enc_ctx = &enc,
+              .nrows = nrows()} {}
 
   uint32_t nrows() const { return static_cast<uint32_t>(rows.size()); }
 
@@ -51,8 +48,9 @@ struct Vector {
     return want;
   }
 
-  uint64_t call(kdzk_vec* result, kdzk_exec* exec) const {
-    return kernel.call(result, &input, low_constant.args(), high_constant.args(), exec);
+  uint64_t call(kdzk_vec* result, kdzk_exec* exec) const { return call(result, &input, exec); }
+  uint64_t call(kdzk_vec* result, const kdzk_vec* other_input, kdzk_exec* exec) const {
+    return kernel.call(result, other_input, low_constant.args(), high_constant.args(), exec);
   }
 
   std::string describe() const {
@@ -68,25 +66,36 @@ std::vector<bool> both(std::vector<bool> a, const std::vector<bool>& b) {
   return a;
 }
 
-// Row, hits and return code of one finished call.
-void expect_result(const std::vector<bool>& want, const GuardedBits& got, const kdzk_vec& result, uint64_t returned) {
-  const auto got_rows = got.rows();
-  const auto first = std::mismatch(want.begin(), want.end(), got_rows.begin()).first;
-  EXPECT_EQ(first, want.end()) << "first row that differs: " << first - want.begin();
-  const auto hits = static_cast<uint32_t>(std::count(want.begin(), want.end(), true));
-  EXPECT_EQ(result.hits, hits);
-  EXPECT_EQ(returned, hits > 0 ? KDZK_DONE : KDZK_NO_ROW);
-}
+// The rows' bits, full of garbage at first, and the result that a call gets.
+struct Answer {
+  GuardedBits bits;
+  kdzk_vec result;
+  explicit Answer(uint64_t nrows, uint64_t garbage = 0xdeadbeefcafef00d)
+      : bits(nrows, garbage), result{.bitvec = bits.words(), .hits = 12345, .nrows = static_cast<uint32_t>(nrows)} {}
+
+  void expect(const std::vector<bool>& want, uint64_t returned) const { expect(want, returned, result); }
+  void expect(const std::vector<bool>& want, uint64_t returned, const kdzk_vec& got) const {
+    expect_bits(bits, want);
+    EXPECT_EQ(got.hits, count(want));
+    EXPECT_EQ(returned, got.hits > 0 ? KDZK_DONE : KDZK_NO_ROW);
+  }
+};
 
 // Calls the kernel on the vector and expects these rows.
 void expect_answer(const Vector& vector, kdzk_exec* exec, const std::vector<bool>& want) {
-  GuardedBits bits(want.size());
-  kdzk_vec result{};
-  result.bitvec = bits.words();
-  result.nrows = vector.nrows();
-  const uint64_t returned = vector.call(&result, exec);
-  expect_result(want, bits, result, returned);
+  Answer answer(want.size());
+  const uint64_t returned = vector.call(&answer.result, exec);
+  answer.expect(want, returned);
 }
+
+// A call's selection.
+struct Selection {
+  GuardedBits bits;
+  kdzk_exec exec;
+  explicit Selection(const std::vector<bool>& rows, uint8_t flags, const kdzk_env* env = nullptr)
+      : bits(rows, 0), exec{.env = env, .selection = bits.words(), .flags = flags} {}
+};
+constexpr uint8_t selective_or_not[] = {0, KDZK_EX_SELECTIVE};
 
 // The cases of the 1-bit kernels that answer with all rows are not to be called without rows.
 bool undefined_without_rows(const PredicateKernel& kernel) { return kernel.width == 1; }
@@ -110,13 +119,9 @@ TEST_P(Predicates, AgreeWithThePlainLoop) {
         SCOPED_TRACE(vector.describe() + ", fill " + std::to_string(static_cast<int>(fill)) + ", seed " +
                      std::to_string(random.seed()));
         now_running(vector.describe());
-        GuardedBits bits(nrows, random.bits());
-        kdzk_vec result{};
-        result.bitvec = bits.words();
-        result.nrows = nrows;
-        result.hits = 12345;
-        const uint64_t returned = vector.call(&result, nullptr);
-        expect_result(vector.expected(), bits, result, returned);
+        Answer answer(nrows, random.bits());
+        const uint64_t returned = vector.call(&answer.result, nullptr);
+        answer.expect(vector.expected(), returned);
         if (HasFailure()) return;
       }
     }
@@ -133,40 +138,31 @@ TEST_P(Predicates, ApplyFilterAndSelectionOnBothRoads) {
       const auto filter_rows = random.rows(nrows, 50), selected_rows = random.rows(nrows, percent);
       GuardedBits filter(filter_rows, random.bits()), selection(selected_rows, random.bits());
       for (const bool filtered : {false, true}) {
-        for (const uint8_t flags : {uint8_t{0}, uint8_t{KDZK_EX_SELECTIVE}}) {
+        for (const uint8_t flags : selective_or_not) {
           SCOPED_TRACE(plain.describe() + (filtered ? ", filtered" : "") + ", selecting " + std::to_string(percent) +
                        " %, flags " + std::to_string(flags));
           now_running(plain.describe());
           kdzk_vec input = plain.input;
           input.filter = filtered ? filter.words() : nullptr;
-          kdzk_exec exec{};
-          exec.selection = selection.words();
-          exec.flags = flags;
-          exec.out_flags = 0x40;
-          GuardedBits bits(nrows);
+          kdzk_exec exec{.selection = selection.words(), .flags = flags, .out_flags = 0x40};
+          Answer answer(nrows);
           // On the selective road the row count is the input's, on the other the result's.
-          kdzk_vec result{};
-          result.bitvec = bits.words();
-          const bool selective = flags != 0 && kernel.has_companion();
-          (selective ? result : input).nrows = 0xffffffff;
-          (selective ? input : result).nrows = nrows;
-          const uint64_t returned =
-              kernel.call(&result, &input, plain.low_constant.args(), plain.high_constant.args(), &exec);
+          (flags != 0 && kernel.has_companion() ? answer.result : input).nrows = 0xffffffff;
+          const uint64_t returned = plain.call(&answer.result, &input, &exec);
           auto want = both(plain.expected(), selected_rows);
           if (filtered && kernel.reads_filter()) want = both(want, filter_rows);
-          expect_result(want, bits, result, returned);
+          answer.expect(want, returned);
           EXPECT_EQ(exec.out_flags, 0x40 | KDZK_OUT_SELECTION);
         }
       }
     }
     // Without a selection the flag changes nothing; result and input may be one record.
-    GuardedBits bits(nrows);
+    Answer answer(nrows);
     kdzk_vec vec = plain.input;
-    vec.bitvec = bits.words();
-    kdzk_exec exec{};
-    exec.flags = KDZK_EX_SELECTIVE;
-    const uint64_t returned = kernel.call(&vec, &vec, plain.low_constant.args(), plain.high_constant.args(), &exec);
-    expect_result(plain.expected(), bits, vec, returned);
+    vec.bitvec = answer.bits.words();
+    kdzk_exec exec{.flags = KDZK_EX_SELECTIVE};
+    const uint64_t returned = plain.call(&vec, &vec, &exec);
+    answer.expect(plain.expected(), returned, vec);
     EXPECT_EQ(exec.out_flags, 0);
   }
 }
@@ -180,43 +176,35 @@ TEST_P(Predicates, WorkOnRunsAndReportThem) {
   RecordingHost host;
   host.result_cb_returns = 0x87654321;
   const auto selected_rows = random.rows(nruns, 70);
-  GuardedBits selection(selected_rows, 0), run_bits(nruns), row_bits(10, 0x1111);
+  Selection selection(selected_rows, 0, &host.env);
+  GuardedBits run_bits(nruns);
+  Answer row_answer(10, 0x1111);
   vector.enc.flags |= KDZK_RLE;
   vector.enc.own_nrows = nruns;
   vector.enc.own_bitvec = run_bits.words();
   vector.enc.result_cb = RecordingHost::result_cb;
-  kdzk_vec result{};
-  result.bitvec = row_bits.words();
-  result.nrows = 10;
-  kdzk_exec exec{};
-  exec.env = &host.env;
-  exec.selection = selection.words();
-  EXPECT_EQ(vector.call(&result, &exec), 0x87654321u);
+  EXPECT_EQ(vector.call(&row_answer.result, &selection.exec), 0x87654321u);
   const auto want = both(vector.expected(), selected_rows);
-  const auto hits = static_cast<uint32_t>(std::count(want.begin(), want.end(), true));
   EXPECT_EQ(run_bits.rows(), want);
-  EXPECT_EQ(row_bits.word(0), 0x1111u);
-  EXPECT_EQ(result.hits, hits);
+  EXPECT_EQ(row_answer.bits.word(0), 0x1111u);
   ASSERT_EQ(host.reports.size(), 1u);
   const auto& report = host.reports[0];
   EXPECT_EQ(report.env, &host.env);
-  EXPECT_EQ(report.result, &result);
+  EXPECT_EQ(report.result, &row_answer.result);
   EXPECT_EQ(report.input, &vector.input);
-  EXPECT_EQ(report.hits_in_result, hits);
-  for (size_t i = 0; i < 16; i++) {
-    EXPECT_EQ(report.words[i], i == 1 ? reinterpret_cast<uint64_t>(run_bits.words()) : i == 3 ? hits : 0) << i;
-  }
+  EXPECT_EQ(report.hits_in_result, count(want));
+  EXPECT_EQ(row_answer.result.hits, count(want));
+  for (size_t i = 0; i < 16; i++)
+    EXPECT_EQ(report.words[i], i == 1 ? reinterpret_cast<uint64_t>(run_bits.words()) : i == 3 ? count(want) : 0) << i;
 
   // The selective road knows nothing of runs: the input's row count, the result's bit vector, no callback.
   if (!kernel.has_companion()) return;
-  GuardedBits selective_bits(nruns);
-  result.bitvec = selective_bits.words();
-  exec.flags = KDZK_EX_SELECTIVE;
-  const GuardedBits untouched(run_bits.rows(), run_bits.word(2) >> 22);
-  const uint64_t returned = vector.call(&result, &exec);
-  expect_result(want, selective_bits, result, returned);
+  Answer answer(nruns);
+  selection.exec.flags = KDZK_EX_SELECTIVE;
+  const uint64_t returned = vector.call(&answer.result, &selection.exec);
+  answer.expect(want, returned);
   EXPECT_EQ(host.reports.size(), 1u);
-  EXPECT_EQ(run_bits.rows(), untouched.rows());
+  EXPECT_EQ(run_bits.rows(), want);
 }
 
 TEST_P(Predicates, DecompressABlockedColumnOnce) {
@@ -224,7 +212,7 @@ TEST_P(Predicates, DecompressABlockedColumnOnce) {
   Random random(kernel.title());
   const uint32_t nrows = 203;
   const auto rows = random_rows(random, kernel, nrows, Fill::uniform);
-  for (const uint8_t flags : {uint8_t{0}, uint8_t{KDZK_EX_SELECTIVE}}) {
+  for (const uint8_t flags : selective_or_not) {
     for (const uint32_t failure : {0u, 10u}) {
       SCOPED_TRACE(kernel.title() + ", flags " + std::to_string(flags) + ", decompress returns " +
                    std::to_string(failure));
@@ -234,52 +222,25 @@ TEST_P(Predicates, DecompressABlockedColumnOnce) {
       host.decompress_result = failure;
       uint8_t block[1] = {};
       void* slot = nullptr;
+      const auto size = static_cast<uint32_t>(host.plain.size());
       vector.enc.flags |= KDZK_BLOCKED;
       vector.input.data = block;
-      vector.input.decomp_size = static_cast<uint32_t>(host.plain.size());
+      vector.input.decomp_size = size;
       vector.input.decomp_slot = &slot;
       vector.input.alloc_tag = 0x123456789abcdef0;
-      const auto selected_rows = random.rows(nrows, 100);
-      GuardedBits selection(selected_rows, 0);
-      kdzk_exec exec{};
-      exec.env = &host.env;
-      exec.selection = selection.words();
-      exec.flags = flags;
-      for (int call = 0; call < 2; call++) {  // the second finds the slot filled
-        GuardedBits bits(nrows);
-        kdzk_vec result{};
-        result.bitvec = bits.words();
-        result.nrows = nrows;
-        const uint64_t returned = vector.call(&result, &exec);
-        expect_result(vector.expected(), bits, result, returned);
-      }
+      Selection all(std::vector<bool>(nrows, true), flags, &host.env);
+      for (int call = 0; call < 2; call++) expect_answer(vector, &all.exec, vector.expected());  // then from the slot
+      const kdzk_env& env = host.env;
       ASSERT_EQ(host.allocs.size(), 1u);
-      const auto& alloc = host.allocs[0];
-      EXPECT_EQ(alloc.comment, kernel.name() + ": vec1_decomp");
-      EXPECT_EQ(alloc.hctx, host.env.hctx);
-      EXPECT_EQ(alloc.heap, host.env.heap);
-      EXPECT_EQ(alloc.size, host.plain.size());
-      EXPECT_EQ(alloc.unit, 8u);
-      EXPECT_EQ(alloc.alignment, 16u);
-      EXPECT_EQ(alloc.tag, vector.input.alloc_tag);
+      EXPECT_TRUE(host.allocs[0] == (RecordingHost::Alloc{env.hctx, env.heap, size, kernel.name() + ": vec1_decomp", 8,
+                                                          16, vector.input.alloc_tag}));
       ASSERT_EQ(host.decompressions.size(), 1u);
-      const auto& decompression = host.decompressions[0];
-      EXPECT_EQ(decompression.src, block);
-      EXPECT_EQ(decompression.dst, slot);
-      EXPECT_EQ(decompression.written_before, 0u);
-      EXPECT_EQ(decompression.capacity, host.plain.size());
-      EXPECT_EQ(decompression.ctx.hctx, host.env.hctx);
-      EXPECT_EQ(decompression.ctx.heap, host.env.heap);
-      EXPECT_EQ(decompression.ctx.tmp_alloc, host.env.tmp_alloc);
-      EXPECT_EQ(decompression.ctx.tmp_free, host.env.tmp_free);
-      EXPECT_EQ(decompression.ctx.dest, slot);
+      const kdzk_sqzb_ctx ctx = {env.hctx, env.heap, env.tmp_alloc, env.tmp_free, slot};
+      EXPECT_TRUE(same_bytes(host.decompressions[0], RecordingHost::Decompress{ctx, block, slot, 0, size}));
       ASSERT_EQ(host.errors.size(), failure != 0 ? 1u : 0u);
-      if (failure != 0) {
-        EXPECT_EQ(host.errors[0].hctx, host.env.hctx);
-        EXPECT_EQ(host.errors[0].word72, RecordingHost::word72);
-        EXPECT_EQ(host.errors[0].message, kernel.name() + ": kdzk_sqzb_decode failed");
-        EXPECT_EQ(host.errors[0].zero, 0u);
-      }
+      if (failure == 0) continue;
+      EXPECT_TRUE(host.errors[0] == (RecordingHost::Error{env.hctx, RecordingHost::word72,
+                                                          kernel.name() + ": kdzk_sqzb_decode failed", 0}));
     }
   }
 }
@@ -288,16 +249,12 @@ TEST_P(Predicates, DecompressABlockedColumnOnce) {
 TEST_P(Predicates, TouchNothingWithoutRows) {
   const PredicateKernel& kernel = GetParam();
   const Constant low(kernel, {}), high(kernel, kernel.fitting(~0ull, 255));
-  kdzk_enc_ctx enc{};
-  kdzk_vec input{};
-  input.enc_ctx = &enc;
-  uint64_t selection = 0;
-  for (const uint8_t flags : {uint8_t{0}, uint8_t{KDZK_EX_SELECTIVE}}) {
-    kdzk_exec exec{};
-    exec.selection = &selection;
-    exec.flags = flags;
-    kdzk_vec result{};
-    result.hits = 7;
+  const kdzk_enc_ctx enc{};
+  const kdzk_vec input{.enc_ctx = &enc};
+  const uint64_t selection = 0;
+  for (const uint8_t flags : selective_or_not) {
+    kdzk_exec exec{.selection = &selection, .flags = flags};
+    kdzk_vec result{.hits = 7};
     EXPECT_EQ(kernel.call(&result, &input, low.args(), high.args(), &exec), KDZK_NO_ROW);
     EXPECT_EQ(result.hits, 0u);
     EXPECT_EQ(exec.out_flags, KDZK_OUT_SELECTION);
@@ -353,23 +310,18 @@ TEST_P(EveryConstant, OnEveryCodeAtEveryPlaceOfAStep) {
   std::vector<std::unique_ptr<Constant>> constants;
   for (uint64_t c = 0; c < column.codes; c++) constants.push_back(std::make_unique<Constant>(kernel, Row{c}));
   std::vector<uint64_t> want((column.rows.size() + 63) / 64);
-  GuardedBits bits(column.rows.size()), selection(std::vector<bool>(column.rows.size(), true), 0);
-  kdzk_exec selective{};
-  selective.selection = selection.words();
-  selective.flags = KDZK_EX_SELECTIVE;
-  kdzk_vec result{};
-  result.bitvec = bits.words();
-  result.nrows = vector.nrows();
+  Answer answer(column.rows.size());
+  Selection selective(std::vector<bool>(column.rows.size(), true), KDZK_EX_SELECTIVE);
   for (uint64_t low = 0; low < column.codes; low++) {
     for (uint64_t high = 0; high < (kernel.two_sided() ? column.codes : 1); high++) {
       column.put([&](uint64_t c) { return qualifies(kernel, {c}, {low}, {high}); }, want);
       // Row by row it would take minutes for all pairs of the wider codes.
-      for (kdzk_exec* exec : {static_cast<kdzk_exec*>(nullptr), &selective}) {
+      for (kdzk_exec* exec : {static_cast<kdzk_exec*>(nullptr), &selective.exec}) {
         if (exec != nullptr && kernel.two_sided() && kernel.width > 5) continue;
-        kernel.call(&result, &vector.input, constants[low]->args(), constants[high]->args(), exec);
+        kernel.call(&answer.result, &vector.input, constants[low]->args(), constants[high]->args(), exec);
         const size_t last = want.size() - 1;
-        const uint64_t last_word = bits.word(last) & ((uint64_t{1} << column.rows.size() % 64) - 1);
-        ASSERT_TRUE(std::equal(want.begin(), want.end() - 1, bits.words()) && want[last] == last_word)
+        const uint64_t last_word = answer.bits.word(last) & ((uint64_t{1} << column.rows.size() % 64) - 1);
+        ASSERT_TRUE(std::equal(want.begin(), want.end() - 1, answer.bits.words()) && want[last] == last_word)
             << kernel.title() << ", constants " << low << ", " << high << (exec != nullptr ? ", row by row" : "");
         calls++;
         compared += column.rows.size();
@@ -392,45 +344,38 @@ TEST(OneBitPredicates, FollowTheirTable) {
   const std::vector<Row> rows = {{1}, {0}, {0}, {1}, {1}, {0}, {1}, {1}, {0}, {1}};
   const uint64_t plain = 0b1011011001, inverted = ~plain, none = 0, all = 0x3ff;
   struct Line {
-    const char* suffix;
     int op;
     uint64_t low, high, want;
   };
-  const Line table[] = {
-      {"", 0, 0, 0, inverted},   {"", 0, 1, 0, plain},      {"", 0, 2, 0, plain},      {"", 5, 0, 0, plain},
-      {"", 5, 1, 0, inverted},   {"", 5, 2, 0, plain},      {"", 1, 0, 0, none},       {"", 1, 1, 0, inverted},
-      {"", 1, 9, 0, inverted},   {"", 2, 0, 0, plain},      {"", 2, 1, 0, none},       {"", 2, 5, 0, none},
-      {"", 3, 0, 0, inverted},   {"", 3, 1, 0, all},        {"", 3, 2, 0, all},        {"", 4, 0, 0, all},
-      {"", 4, 1, 0, plain},      {"", 4, 3, 0, plain},      {"", 6, 0, 1, none},       {"", 6, 0, 2, none},
-      {"", 7, 0, 1, plain},      {"", 7, 0, 2, none},       {"", 7, 1, 1, none},       {"", 8, 0, 1, inverted},
-      {"", 8, 0, 2, none},       {"", 8, 1, 2, none},       {"", 9, 1, 1, plain},      {"", 9, 0, 0, inverted},
-      {"", 9, 0, 1, all},        {"", 9, 1, 0, none},       {"", 9, 0, 2, none},       {"", 9, 2, 2, none},
-      {"_null", 0, 0, 0, none},  {"_null", 0, 1, 0, plain}, {"_null", 0, 2, 0, plain}, {"_null", 3, 0, 0, none},
-      {"_null", 3, 1, 0, plain}, {"_null", 3, 2, 0, plain}, {"_null", 5, 0, 0, plain}, {"_null", 5, 1, 0, none},
-      {"_null", 5, 2, 0, none},  {"_null", 2, 0, 0, plain}, {"_null", 2, 1, 0, none},  {"_null", 4, 0, 0, plain},
-      {"_null", 4, 7, 0, plain}, {"_null", 1, 2, 0, none},  {"_null", 6, 0, 2, none},  {"_null", 8, 0, 2, none},
-      {"_null", 7, 0, 1, plain}, {"_null", 7, 0, 2, none},  {"_null", 9, 0, 1, plain}, {"_null", 9, 1, 1, plain},
-      {"_null", 9, 2, 1, none},  {"_null", 9, 0, 0, none},
-  };
-  for (const Line& line : table) {
-    const PredicateKernel kernel = {line.op, "dict", 1, line.suffix};
-    const Vector vector(kernel, rows, {line.low}, {line.high});
-    SCOPED_TRACE(vector.describe());
-    GuardedBits bits(rows.size());
-    kdzk_vec result{};
-    result.bitvec = bits.words();
-    result.nrows = 10;
-    const uint64_t returned = vector.call(&result, nullptr);
-    // A complement leaves the bits behind the last row set, all others leave them clear.
-    EXPECT_EQ(bits.word(0), line.want);
-    const auto hits = static_cast<uint32_t>(__builtin_popcountll(line.want & 0x3ff));
-    EXPECT_EQ(result.hits, hits);
-    EXPECT_EQ(returned, hits > 0 ? KDZK_DONE : KDZK_NO_ROW);
-    if (line.want == none || line.want == all) {  // the column isn't read
-      kdzk_vec unread = vector.input;
-      unread.data = nullptr;
-      kernel.call(&result, &unread, vector.low_constant.args(), vector.high_constant.args(), nullptr);
-      EXPECT_EQ(bits.word(0), line.want);
+  const std::vector<Line> of_values = {{0, 0, 0, inverted}, {0, 1, 0, plain}, {0, 2, 0, plain}, {5, 0, 0, plain},
+                                       {5, 1, 0, inverted}, {5, 2, 0, plain}, {1, 0, 0, none},  {1, 1, 0, inverted},
+                                       {1, 9, 0, inverted}, {2, 0, 0, plain}, {2, 1, 0, none},  {2, 5, 0, none},
+                                       {3, 0, 0, inverted}, {3, 1, 0, all},   {3, 2, 0, all},   {4, 0, 0, all},
+                                       {4, 1, 0, plain},    {4, 3, 0, plain}, {6, 0, 1, none},  {6, 0, 2, none},
+                                       {7, 0, 1, plain},    {7, 0, 2, none},  {7, 1, 1, none},  {8, 0, 1, inverted},
+                                       {8, 0, 2, none},     {8, 1, 2, none},  {9, 1, 1, plain}, {9, 0, 0, inverted},
+                                       {9, 0, 1, all},      {9, 1, 0, none},  {9, 0, 2, none},  {9, 2, 2, none}};
+  const std::vector<Line> with_nulls = {
+      {0, 0, 0, none},  {0, 1, 0, plain}, {0, 2, 0, plain}, {3, 0, 0, none},  {3, 1, 0, plain}, {3, 2, 0, plain},
+      {5, 0, 0, plain}, {5, 1, 0, none},  {5, 2, 0, none},  {2, 0, 0, plain}, {2, 1, 0, none},  {4, 0, 0, plain},
+      {4, 7, 0, plain}, {1, 2, 0, none},  {6, 0, 2, none},  {8, 0, 2, none},  {7, 0, 1, plain}, {7, 0, 2, none},
+      {9, 0, 1, plain}, {9, 1, 1, plain}, {9, 2, 1, none},  {9, 0, 0, none}};
+  for (const std::vector<Line>* table : {&of_values, &with_nulls}) {
+    for (const Line& line : *table) {
+      const PredicateKernel kernel = {line.op, "dict", 1, table == &of_values ? "" : "_null"};
+      const Vector vector(kernel, rows, {line.low}, {line.high});
+      SCOPED_TRACE(vector.describe());
+      Answer answer(rows.size());
+      const uint64_t returned = vector.call(&answer.result, nullptr);
+      // A complement leaves the bits behind the last row set, all others leave them clear.
+      EXPECT_EQ(answer.bits.word(0), line.want);
+      const auto hits = static_cast<uint32_t>(__builtin_popcountll(line.want & 0x3ff));
+      EXPECT_EQ(answer.result.hits, hits);
+      EXPECT_EQ(returned, hits > 0 ? KDZK_DONE : KDZK_NO_ROW);
+      if (line.want != none && line.want != all) continue;
+      const kdzk_vec unread{.enc_ctx = &vector.enc, .nrows = 10};
+      vector.call(&answer.result, &unread, nullptr);
+      EXPECT_EQ(answer.bits.word(0), line.want);
     }
   }
 }
@@ -450,11 +395,8 @@ TEST(EightBitPredicates, CutALargeConstantInWholeSteps) {
         want[r] = qualifies(kernel, rows[r], {whole ? 60u : 256 + 60u}, {whole ? 90u : 512 + 90u});
       }
       expect_answer(vector, nullptr, want);
-      GuardedBits selection(std::vector<bool>(rows.size(), true), 0);
-      kdzk_exec exec{};
-      exec.selection = selection.words();
-      exec.flags = KDZK_EX_SELECTIVE;
-      expect_answer(vector, &exec, vector.expected());
+      Selection all(std::vector<bool>(rows.size(), true), KDZK_EX_SELECTIVE);
+      expect_answer(vector, &all.exec, vector.expected());
     }
   }
 }
@@ -498,26 +440,20 @@ TEST(TzPredicates, TakeLengthCodesUpToTheirLimit) {
       const uint8_t above = static_cast<uint8_t>(limit + 1), low_code = high_too_large ? 0 : above;
       for (const uint32_t nrows : {0u, 200u}) {
         Vector refused(kernel, rows, {rows[0].value, low_code}, {rows[0].value, high_too_large ? above : uint8_t{0}});
-        GuardedBits selection(std::vector<bool>(200, true), 0), untouched(200, 0x5555);
+        Answer untouched(200, 0x5555);
+        Selection all(std::vector<bool>(200, true), KDZK_EX_SELECTIVE, &host.env);
         void* slot = nullptr;
         refused.enc.flags = KDZK_BLOCKED | KDZK_RLE;
         refused.enc.own_nrows = nrows;
-        refused.enc.own_bitvec = untouched.words();
+        refused.enc.own_bitvec = untouched.bits.words();
         refused.enc.result_cb = RecordingHost::result_cb;
         refused.input.decomp_slot = &slot;
-        kdzk_exec exec{};
-        exec.env = &host.env;
-        exec.selection = selection.words();
-        exec.flags = KDZK_EX_SELECTIVE;
-        kdzk_vec result{};
-        result.bitvec = untouched.words();
-        result.nrows = nrows;
-        result.hits = 77;
-        EXPECT_EQ(refused.call(&result, &exec), KDZK_UNSUPPORTED);
-        EXPECT_EQ(result.hits, 77u);
-        EXPECT_EQ(exec.out_flags, 0);
+        untouched.result.nrows = nrows;
+        EXPECT_EQ(refused.call(&untouched.result, &all.exec), KDZK_UNSUPPORTED);
+        EXPECT_EQ(untouched.result.hits, 12345u);
+        EXPECT_EQ(all.exec.out_flags, 0);
         EXPECT_EQ(slot, nullptr);
-        EXPECT_EQ(untouched.word(0), 0x5555u);
+        EXPECT_EQ(untouched.bits.word(0), 0x5555u);
       }
     }
     EXPECT_TRUE(host.allocs.empty() && host.reports.empty() && host.decompressions.empty());

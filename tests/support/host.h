@@ -95,6 +95,7 @@ class RecordingHost {
     uint32_t unit;
     uint32_t alignment;
     uint64_t tag;
+    bool operator==(const Alloc&) const = default;
   };
   std::vector<Alloc> allocs;
   struct Decompress {
@@ -110,6 +111,7 @@ class RecordingHost {
     uint64_t word72;
     std::string message;
     uint64_t zero;
+    bool operator==(const Error&) const = default;
   };
   std::vector<Error> errors;
   struct Report {

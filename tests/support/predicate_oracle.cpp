@@ -84,26 +84,15 @@ std::vector<Row> random_rows(Random& random, const PredicateKernel& kernel, uint
   for (uint32_t r = 0; r < nrows; r++) {
     const auto code = static_cast<uint8_t>(random.bits());
     const uint64_t near = random.below(3) << low_bits;
-    switch (fill) {
-      case Fill::uniform:
-        rows[r] = kernel.random_row(random);
-        // At 64 bits half of the codes are no lengths; such a row has no bytes.
-        if (kernel.form == "dynp" && kernel.width == 64 && !kernel.compares_lengths() && code % 8 == 0)
-          rows[r] = {0, static_cast<uint8_t>(8 + code / 32)};
-        break;
-      case Fill::lowest:
-        rows[r] = kernel.fitting(near, code);
-        break;
-      case Fill::highest:
-        rows[r] = kernel.fitting(kernel.top() - near, code);
-        break;
-      case Fill::one_value:
-        rows[r] = kernel.fitting(one.value, code);
-        break;
-      case Fill::runs:
-        rows[r] = r > 0 && random.below(8) != 0 ? rows[r - 1] : kernel.random_row(random);
-        break;
-    }
+    if (fill == Fill::uniform) rows[r] = kernel.random_row(random);
+    // At 64 bits half of the codes are no lengths; such a row has no bytes.
+    if (fill == Fill::uniform && kernel.form == "dynp" && kernel.width == 64 && !kernel.compares_lengths() &&
+        code % 8 == 0)
+      rows[r] = {0, static_cast<uint8_t>(8 + code / 32)};
+    if (fill == Fill::lowest) rows[r] = kernel.fitting(near, code);
+    if (fill == Fill::highest) rows[r] = kernel.fitting(kernel.top() - near, code);
+    if (fill == Fill::one_value) rows[r] = kernel.fitting(one.value, code);
+    if (fill == Fill::runs) rows[r] = r > 0 && random.below(8) != 0 ? rows[r - 1] : kernel.random_row(random);
   }
   return rows;
 }
@@ -162,33 +151,14 @@ Constant::Constant(const PredicateKernel& kernel, Row row)
 
 bool qualifies(const PredicateKernel& kernel, Row row, Row low, Row high) {
   if (kernel.nulls() && row.value == 0) return false;
-  const auto less = [&](Row a, Row b) {
-    if (a.value != b.value) return a.value < b.value;
-    return kernel.compares_lengths() && a.length_code < b.length_code;
+  const auto order = [&](Row a, Row b) {  // below 0, 0 or above
+    if (a.value != b.value) return a.value < b.value ? -1 : 1;
+    return kernel.compares_lengths() ? a.length_code - b.length_code : 0;
   };
-  const auto equal = [&](Row a, Row b) { return !less(a, b) && !less(b, a); };
-  switch (kernel.op) {
-    case 0:
-      return equal(row, low);
-    case 1:
-      return less(row, low);
-    case 2:
-      return less(low, row);
-    case 3:
-      return less(row, low) || equal(row, low);
-    case 4:
-      return less(low, row) || equal(row, low);
-    case 5:
-      return !equal(row, low);
-    case 6:
-      return less(low, row) && less(row, high);
-    case 7:
-      return less(low, row) && !less(high, row);
-    case 8:
-      return !less(row, low) && less(row, high);
-    default:
-      return !less(row, low) && !less(high, row);
-  }
+  const int l = order(row, low), h = kernel.two_sided() ? order(row, high) : 0;
+  const bool holds[] = {l == 0,          l<0, l> 0,       l <= 0, l >= 0, l != 0, l > 0 && h<0, l> 0 && h <= 0,
+                        l >= 0 && h < 0, l >= 0 && h <= 0};
+  return holds[kernel.op];
 }
 
 }  // namespace kdzk_test

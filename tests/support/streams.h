@@ -74,11 +74,14 @@ struct Case : testing::ScopedTrace {
 };
 using testing::Message;
 
-// The rows of a bit vector, whose last word holds `behind` from the last row on.
-inline void expect_bits(const GuardedBits& got, const std::vector<bool>& want, uint64_t behind) {
+inline void expect_bits(const GuardedBits& got, const std::vector<bool>& want) {
   const auto rows = got.rows();
   const auto first = std::mismatch(want.begin(), want.end(), rows.begin()).first;
   EXPECT_EQ(first, want.end()) << "first row that differs: " << first - want.begin();
+}
+// The same, and the last word holds `behind` from the last row on.
+inline void expect_bits(const GuardedBits& got, const std::vector<bool>& want, uint64_t behind) {
+  expect_bits(got, want);
   if (want.size() % 64 != 0) {
     EXPECT_EQ(got.word(want.size() / 64) >> want.size() % 64, behind >> want.size() % 64);
   }

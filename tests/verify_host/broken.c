@@ -13,75 +13,58 @@
 void hostinternalerr(void* hctx, uint64_t word72, const char* message, uint64_t zero);
 const kdzk_verify_host* kdzk_verify_host_of(const kdzk_specialized_ctx* ctx);
 
+static const char* const rules[] = {
+    "env-complete",  "host-context",  "alloc-alignment", "alloc-size", "alloc-padding",
+    "tmp-alignment", "tmp-size",      "tmp-balance",     "decompress", "hostinternalerr",
+    "hash-pure",     "hash-mixed",    "copy-balance",    "nrows",      "kind",
+    "flags",         "width",         "range",           "data",       "lengths",
+    "float-kind",    "dictionary",    "bitvec",          "runs",       "filter",
+    "run-bits",      "block",         "padding",         "result-cb",  "not-shared",
+    "texts",         "prefix-records"};
+static const char* broken;
+static int breaks(const char* rule) { return strcmp(broken, rule) == 0; }
+
+/* ---- Callbacks: the sample's, whose host context they know anyhow, but for the mistake ---- */
+
 static kdzk_env good, bad;
+static _Alignas(16) uint8_t same_room[100000];
 
-/* ---- Callbacks ---- */
-
-static void* misaligned_alloc(void* hctx, void* heap, uint32_t size, const char* comment, uint32_t unit,
-                              uint32_t alignment, uint64_t tag) {
-  return (uint8_t*)good.alloc(hctx, heap, size + 16, comment, unit, alignment, tag) + 8;
-}
-
-static void* unpadded_alloc(void* hctx, void* heap, uint32_t size, const char* comment, uint32_t unit,
-                            uint32_t alignment, uint64_t tag) {
-  (void)hctx, (void)heap, (void)comment, (void)unit, (void)alignment, (void)tag;
-  return malloc(size);
-}
-
-static void* same_alloc(void* hctx, void* heap, uint32_t size, const char* comment, uint32_t unit, uint32_t alignment,
-                        uint64_t tag) {
-  static _Alignas(16) uint8_t room[100000];
-  if (size < 64) return good.alloc(hctx, heap, size, comment, unit, alignment, tag);
-  return room;
-}
-
-static void* misaligned_tmp_alloc(void* hctx, uint64_t size, const char* comment, uint32_t unit, uint32_t zero,
-                                  void** out) {
-  return (uint8_t*)good.tmp_alloc(hctx, size + 16, comment, unit, zero, out) + 2;
-}
-static void misaligned_tmp_free(void* hctx, void* scratch, void* out) {
-  good.tmp_free(hctx, (uint8_t*)scratch - 2, out);
-}
-
-static void* same_tmp_alloc(void* hctx, uint64_t size, const char* comment, uint32_t unit, uint32_t zero, void** out) {
-  static _Alignas(16) uint8_t room[100000];
-  (void)hctx, (void)size, (void)comment, (void)unit, (void)zero, (void)out;
-  return room;
-}
-
-static void no_tmp_free(void* hctx, void* scratch, void* out) { (void)hctx, (void)scratch, (void)out; }
-
-static uint32_t silent_decompress(const kdzk_sqzb_ctx* ctx, const void* src, void* dst, uint32_t* written,
-                                  uint32_t capacity) {
-  good.decompress(ctx, src, dst, written, capacity);
-  return 0;
-}
-
-/* A host context of its own, too small: its callbacks know the memory anyhow. */
-static void* context_alloc(void* hctx, void* heap, uint32_t size, const char* comment, uint32_t unit,
-                           uint32_t alignment, uint64_t tag) {
+static void* bad_alloc(void* hctx, void* heap, uint32_t size, const char* comment, uint32_t unit, uint32_t alignment,
+                       uint64_t tag) {
   (void)hctx;
-  return good.alloc(&memory, heap, size, comment, unit, alignment, tag);
-}
-static void* context_tmp_alloc(void* hctx, uint64_t size, const char* comment, uint32_t unit, uint32_t zero,
-                               void** out) {
-  (void)hctx;
-  return good.tmp_alloc(&memory, size, comment, unit, zero, out);
-}
-static void context_tmp_free(void* hctx, void* scratch, void* out) {
-  (void)hctx;
-  good.tmp_free(&memory, scratch, out);
+  if (breaks("alloc-padding")) return malloc(size);
+  if (breaks("alloc-size") && size >= 64) return same_room;
+  const uint32_t aside = breaks("alloc-alignment") ? 8 : 0;
+  return (uint8_t*)good.alloc(&memory, heap, size + 2 * aside, comment, unit, alignment, tag) + aside;
 }
 
-static int swaps_errors;
+static void* bad_tmp_alloc(void* hctx, uint64_t size, const char* comment, uint32_t unit, uint32_t zero, void** out) {
+  (void)hctx;
+  if (breaks("tmp-size")) return same_room;
+  const uint32_t aside = breaks("tmp-alignment") ? 2 : 0;
+  return (uint8_t*)good.tmp_alloc(&memory, size + 8 * aside, comment, unit, zero, out) + aside;
+}
+static void bad_tmp_free(void* hctx, void* scratch, void* out) {
+  (void)hctx;
+  if (breaks("tmp-size") || breaks("tmp-balance")) return;
+  good.tmp_free(&memory, (uint8_t*)scratch - (breaks("tmp-alignment") ? 2 : 0), out);
+}
+
+static uint32_t bad_decompress(const kdzk_sqzb_ctx* ctx, const void* src, void* dst, uint32_t* written,
+                               uint32_t capacity) {
+  const uint32_t returned = good.decompress(ctx, src, dst, written, capacity);
+  return breaks("decompress") ? 0 : returned;
+}
+
 void hostinternalerr(void* hctx, uint64_t word72, const char* message, uint64_t zero) {
-  good_hostinternalerr(hctx, swaps_errors ? zero : word72, message, zero);
+  good_hostinternalerr(hctx, breaks("hostinternalerr") ? zero : word72, message, zero);
 }
 
-static uint64_t long_hash(const void* key, uint32_t length, uint64_t seed) {
-  return hash(key, length, seed) ^ (uint64_t)((const uint8_t*)key)[length] << 20;
+static uint64_t bad_hash(const void* key, uint32_t length, uint64_t seed) {
+  const uint64_t h = hash(key, length, seed);
+  if (breaks("hash-pure")) return h ^ (uint64_t)((const uint8_t*)key)[length] << 20;
+  return breaks("hash-mixed") ? h << 12 : h;
 }
-static uint64_t low_hash(const void* key, uint32_t length, uint64_t seed) { return hash(key, length, seed) << 12; }
 
 static uint32_t quiet_result_cb(const kdzk_env* env, kdzk_vec* result, const kdzk_vec* input,
                                 const kdzk_result_report* report) {
@@ -91,191 +74,87 @@ static uint32_t quiet_result_cb(const kdzk_env* env, kdzk_vec* result, const kdz
 
 /* ---- Columns ---- */
 
-typedef void (*spoil_fn)(engine_column* column, const kdzk_verify_request* request, kdzk_verify_column* out);
-static spoil_fn spoil;
+static void* exactly(const void* bytes, uint64_t size) { return memcpy(malloc(size), bytes, size); }
 
-#define SPOIL(name) static void name(engine_column* column, const kdzk_verify_request* request, kdzk_verify_column* out)
-#define UNUSED (void)column, (void)request, (void)out
+static uint64_t* all_rows_but_one(uint32_t nrows) {
+  uint64_t* const filter = new_bits(nrows);
+  memset(filter, 0xff, kdzk_host_bitvec_bytes(nrows));
+  filter[0] &= ~(UINT64_C(1) << 17);
+  return filter;
+}
 
-SPOIL(spoil_nrows) { UNUSED, column->vec.nrows++; }
-SPOIL(spoil_kind) { UNUSED, column->enc.kind += 4; }
-SPOIL(spoil_flags) { UNUSED, column->enc.flags |= KDZK_FIXED_BYTES; }
-SPOIL(spoil_width) { UNUSED, column->enc.width_zero[0] = 1; }
-SPOIL(spoil_range) { UNUSED, out->largest--; }
-SPOIL(spoil_float_kind) { UNUSED, column->enc.float_kind++; }
-SPOIL(spoil_prefix) { UNUSED, column->enc.prefix_group = 8; }
-SPOIL(spoil_decomp_size) { UNUSED, column->vec.decomp_size++; }
-SPOIL(spoil_data) {
-  UNUSED;
-  if (request->form == KDZK_VERIFY_FIXED && request->width == 16 && !request->blocked) {
-    uint8_t* const data = column->data;
-    for (uint32_t row = 0; row < request->nrows; row++) {
-      const uint8_t high = data[2 * row];
-      data[2 * row] = data[2 * row + 1];
-      data[2 * row + 1] = high;
-    }
+static void swap_bytes_of_pairs(uint8_t* data, uint32_t pairs) {
+  for (uint32_t i = 0; i < pairs; i++) {
+    const uint8_t high = data[2 * i];
+    data[2 * i] = data[2 * i + 1];
+    data[2 * i + 1] = high;
   }
 }
-SPOIL(spoil_lengths) {
-  UNUSED;
-  if (request->form == KDZK_VERIFY_DYNP) ((uint8_t*)column->lengths)[1] ^= 0x11;
-}
-SPOIL(spoil_dictionary) {
-  UNUSED;
-  if (column->enc.base != NULL) column->enc.base++;
-}
-SPOIL(spoil_texts) {
-  UNUSED;
-  if (request->form == KDZK_VERIFY_TEXTS) ((uint16_t*)column->lengths)[9]++;
-}
-SPOIL(spoil_runs) {
-  UNUSED;
-  if (column->enc.own_nrows > 0) column->enc.own_nrows--;
-}
-SPOIL(spoil_result_cb) {
-  UNUSED;
-  if (column->enc.result_cb != NULL) column->enc.result_cb = quiet_result_cb;
-}
-SPOIL(spoil_padding) { /* exactly the bytes */
-  UNUSED;
-  if (request->form != KDZK_VERIFY_FIXED || request->blocked) return;
-  const uint64_t bytes = (uint64_t)request->value_bytes * request->nrows;
-  column->vec.data = memcpy(malloc(bytes), column->data, bytes);
-}
-static uint64_t* bytes_of_bits(const uint64_t* words, uint32_t rows) { /* whole bytes, and not words */
-  return memcpy(malloc((rows + 7) / 8), words, (rows + 7) / 8);
-}
-SPOIL(spoil_bits) {
-  UNUSED;
-  if (request->form == KDZK_VERIFY_BITS) column->vec.bitvec = bytes_of_bits(column->bits, request->nrows);
-}
-SPOIL(spoil_run_bits) {
-  UNUSED;
-  if (column->bits != NULL && request->form == KDZK_VERIFY_RUNS)
-    column->enc.own_bitvec = bytes_of_bits(column->bits, column->enc.own_nrows);
-}
-SPOIL(spoil_filter) { /* all rows but one */
-  UNUSED;
-  if (request->form != KDZK_VERIFY_DYNP) return;
-  uint64_t* const filter = new_bits(request->nrows);
-  memset(filter, 0xff, kdzk_host_bitvec_bytes(request->nrows));
-  filter[0] &= ~(UINT64_C(1) << 17);
-  column->vec.filter = filter;
-}
-SPOIL(spoil_sharing) {
+
+static void spoil(engine_column* column, const kdzk_verify_request* request, kdzk_verify_column* out) {
   static uint64_t shared[4096];
-  UNUSED;
-  if (request->form == KDZK_VERIFY_RUNS) column->enc.own_bitvec = shared;
+  kdzk_enc_ctx* const enc = &column->enc;
+  const uint32_t form = request->form, nrows = request->nrows;
+  const int plain_fixed = form == KDZK_VERIFY_FIXED && !request->blocked;
+  if (breaks("nrows")) column->vec.nrows++;
+  if (breaks("kind")) enc->kind += 4;
+  if (breaks("flags")) enc->flags |= KDZK_FIXED_BYTES;
+  if (breaks("width")) enc->width_zero[0] = 1;
+  if (breaks("range")) out->largest--;
+  if (breaks("float-kind")) enc->float_kind++;
+  if (breaks("prefix-records")) enc->prefix_group = 8;
+  if (breaks("block")) column->vec.decomp_size++;
+  if (breaks("data") && plain_fixed && request->width == 16) swap_bytes_of_pairs(column->data, nrows);
+  if (breaks("lengths") && form == KDZK_VERIFY_DYNP) ((uint8_t*)column->lengths)[1] ^= 0x11;
+  if (breaks("dictionary") && enc->base != NULL) enc->base++;
+  if (breaks("texts") && form == KDZK_VERIFY_TEXTS) ((uint16_t*)column->lengths)[9]++;
+  if (breaks("runs") && enc->own_nrows > 0) enc->own_nrows--;
+  if (breaks("result-cb") && enc->result_cb != NULL) enc->result_cb = quiet_result_cb;
+  if (breaks("padding") && plain_fixed)
+    column->vec.data = exactly(column->data, (uint64_t)request->value_bytes * nrows);
+  if (breaks("bitvec") && form == KDZK_VERIFY_BITS) column->vec.bitvec = exactly(column->bits, (nrows + 7) / 8);
+  if (breaks("run-bits") && form == KDZK_VERIFY_RUNS && column->bits != NULL)
+    enc->own_bitvec = exactly(column->bits, (enc->own_nrows + 7) / 8);
+  if (breaks("not-shared") && form == KDZK_VERIFY_RUNS) enc->own_bitvec = shared;
+  if (breaks("filter") && form == KDZK_VERIFY_DYNP) column->vec.filter = all_rows_but_one(nrows);
 }
 
-static uint32_t spoiled_make(void* state, const kdzk_verify_request* request, kdzk_verify_column* out) {
+static uint32_t bad_make(void* state, const kdzk_verify_request* request, kdzk_verify_column* out) {
+  const int is_little = request->form == KDZK_VERIFY_CODES && !request->blocked && request->width <= 8;
+  if (breaks("little") && !is_little) return KDZK_UNSUPPORTED;
   const uint32_t made = make(state, request, out);
   if (made == KDZK_DONE) spoil(out->own, request, out);
   return made;
 }
 
-static void forgetful_end(void* state, kdzk_verify_column* made) {
-  ((engine_column*)made->own)->copy = NULL;
+static void bad_end(void* state, kdzk_verify_column* made) {
+  if (breaks("copy-balance")) ((engine_column*)made->own)->copy = NULL;
   end(state, made);
 }
 
-/* An engine with little to show, and no mistake. */
-static uint32_t make_codes_only(void* state, const kdzk_verify_request* request, kdzk_verify_column* out) {
-  if (request->form != KDZK_VERIFY_CODES || request->blocked || request->width > 8) return KDZK_UNSUPPORTED;
-  return make(state, request, out);
-}
-static void have_little(kdzk_verify_host* host) {
-  host->make = make_codes_only;
-  host->hash = NULL;
-  host->in_use = NULL;
-  host->guard = NULL;
-  host->last_error = NULL;
-}
-
-/* ---- The mistakes, each named for the rule that it breaks ---- */
-
-static void break_env_complete(kdzk_verify_host* host) { (void)host, bad.tmp_free = NULL; }
-static void break_host_context(kdzk_verify_host* host) {
-  (void)host;
-  uint8_t* const map = mmap(NULL, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  mprotect(map + 4096, 4096, PROT_NONE);
-  bad.hctx = map + 4096 - 64;
-  bad.alloc = context_alloc, bad.tmp_alloc = context_tmp_alloc, bad.tmp_free = context_tmp_free;
-}
-static void break_alloc_alignment(kdzk_verify_host* host) { (void)host, bad.alloc = misaligned_alloc; }
-static void break_alloc_size(kdzk_verify_host* host) { (void)host, bad.alloc = same_alloc; }
-static void break_alloc_padding(kdzk_verify_host* host) { (void)host, bad.alloc = unpadded_alloc; }
-static void break_tmp_alignment(kdzk_verify_host* host) {
-  (void)host;
-  bad.tmp_alloc = misaligned_tmp_alloc, bad.tmp_free = misaligned_tmp_free;
-}
-static void break_tmp_size(kdzk_verify_host* host) {
-  (void)host;
-  bad.tmp_alloc = same_tmp_alloc, bad.tmp_free = no_tmp_free;
-}
-static void break_tmp_balance(kdzk_verify_host* host) { (void)host, bad.tmp_free = no_tmp_free; }
-static void break_decompress(kdzk_verify_host* host) { (void)host, bad.decompress = silent_decompress; }
-static void break_errors(kdzk_verify_host* host) { (void)host, swaps_errors = 1; }
-static void break_hash_pure(kdzk_verify_host* host) { host->hash = long_hash; }
-static void break_hash_mixed(kdzk_verify_host* host) { host->hash = low_hash; }
-static void break_copy_balance(kdzk_verify_host* host) { host->end = forgetful_end; }
-
-static const struct {
-  const char* rule;
-  void (*change)(kdzk_verify_host* host);
-  spoil_fn spoil;
-} mistakes[] = {
-    {"env-complete", break_env_complete, NULL},
-    {"host-context", break_host_context, NULL},
-    {"alloc-alignment", break_alloc_alignment, NULL},
-    {"alloc-size", break_alloc_size, NULL},
-    {"alloc-padding", break_alloc_padding, NULL},
-    {"tmp-alignment", break_tmp_alignment, NULL},
-    {"tmp-size", break_tmp_size, NULL},
-    {"tmp-balance", break_tmp_balance, NULL},
-    {"decompress", break_decompress, NULL},
-    {"hostinternalerr", break_errors, NULL},
-    {"hash-pure", break_hash_pure, NULL},
-    {"hash-mixed", break_hash_mixed, NULL},
-    {"copy-balance", break_copy_balance, NULL},
-    {"nrows", NULL, spoil_nrows},
-    {"kind", NULL, spoil_kind},
-    {"flags", NULL, spoil_flags},
-    {"width", NULL, spoil_width},
-    {"range", NULL, spoil_range},
-    {"data", NULL, spoil_data},
-    {"lengths", NULL, spoil_lengths},
-    {"float-kind", NULL, spoil_float_kind},
-    {"dictionary", NULL, spoil_dictionary},
-    {"bitvec", NULL, spoil_bits},
-    {"runs", NULL, spoil_runs},
-    {"filter", NULL, spoil_filter},
-    {"run-bits", NULL, spoil_run_bits},
-    {"block", NULL, spoil_decomp_size},
-    {"padding", NULL, spoil_padding},
-    {"result-cb", NULL, spoil_result_cb},
-    {"not-shared", NULL, spoil_sharing},
-    {"texts", NULL, spoil_texts},
-    {"prefix-records", NULL, spoil_prefix},
-};
-
 const kdzk_verify_host* kdzk_verify_host_of(const kdzk_specialized_ctx* ctx) {
   static kdzk_verify_host engine;
+  broken = getenv("KDZK_BREAK");
+  for (size_t i = 0; broken != NULL && breaks("list") && i < sizeof rules / sizeof *rules; i++) puts(rules[i]);
+  if (broken == NULL || breaks("list")) return NULL;
   engine = *good_host_of(ctx);
-  good = bad = *engine.env;
+  good = *engine.env;
+  bad = (kdzk_env){good.hctx, good.heap, bad_alloc, bad_tmp_alloc, bad_tmp_free, bad_decompress};
   engine.env = &bad;
-  const char* const wanted = getenv("KDZK_BREAK");
-  if (wanted != NULL && strcmp(wanted, "little") == 0) {
-    have_little(&engine);
-    return &engine;
+  engine.make = bad_make;
+  engine.end = bad_end;
+  engine.hash = bad_hash;
+  if (breaks("env-complete")) bad.tmp_free = NULL;
+  if (breaks("host-context")) { /* too small */
+    uint8_t* const map = mmap(NULL, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    mprotect(map + 4096, 4096, PROT_NONE);
+    bad.hctx = map + 4096 - 64;
   }
-  for (size_t i = 0; wanted != NULL && i < sizeof mistakes / sizeof *mistakes; i++) {
-    if (strcmp(wanted, "list") == 0) printf("%s\n", mistakes[i].rule);
-    if (strcmp(wanted, mistakes[i].rule) != 0) continue;
-    if (mistakes[i].change != NULL) mistakes[i].change(&engine);
-    spoil = mistakes[i].spoil;
-    if (spoil != NULL) engine.make = spoiled_make;
-    return &engine;
+  if (breaks("little")) {
+    engine.hash = NULL;
+    engine.in_use = NULL;
+    engine.guard = NULL;
+    engine.last_error = NULL;
   }
-  return NULL;
+  return &engine;
 }

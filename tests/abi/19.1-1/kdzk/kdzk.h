@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
- * What hosts of 19.1-1 were compiled against: the declarations of the library's headers of that version. It never
- * changes; a release with an interface of its own gets a file like this beside it. */
+ * What hosts of 19.1-1 were compiled against: the declarations of the library's headers of that version, and of their
+ * constants those that host.c takes. It never changes; a release with an interface of its own gets a file like this
+ * beside it. */
 #ifndef KDZK_ABI_19_1_1_H
 #define KDZK_ABI_19_1_1_H
 
@@ -9,49 +10,15 @@
 #include <stdint.h>
 
 #define KDZK_PADDING 16u
-#define KDZK_SET_PADDING 8u
 #define KDZK_DONE 0u
-#define KDZK_NO_ROW 1u
-#define KDZK_UNSUPPORTED 2u
-#define KDZK_KEYS_TOO_MANY 3u
-#define KDZK_PARTITION_FULL 5u
-#define KDZK_OVERFLOW_FULL 6u
-#define KDZK_PAIRS_FULL 7u
-#define KDZK_PAGE_FULL 8u
-#define KDZK_OUTPUT_FULL 9u
-#define KDZK_MALFORMED 10u
-#define KDZK_SUM_ONLY 0x1u
-#define KDZK_CONST 0x4u
 #define KDZK_NUMERIC 0x80u
-#define KDZK_PACKED_DICT 0x100u
 #define KDZK_RLE 0x200u
 #define KDZK_FIXED_BYTES 0x800u
-#define KDZK_LEN_ARRAY 0x1000u
-#define KDZK_LEN_PREFIXED 0x2000u
-#define KDZK_PTR_LEN 0x4000u
-#define KDZK_PAIR16 0x8000u
 #define KDZK_BLOCKED 0x10000u
-#define KDZK_KEYED16 0x20000u
 #define KDZK_PROBE_PAIRS 0x40000u
 #define KDZK_IMPLICIT_IDS 0x80000u
-#define KDZK_REF_WORDS 0x100000u
-#define KDZK_HASH_U32 0x400000u
-#define KDZK_KEYED24 0x800000u
 #define KDZK_EX_SELECTIVE 0x02u
-#define KDZK_EX_UNPACK_WIDE 0x04u
-#define KDZK_EX_GROUP_MUL 0x10u
-#define KDZK_EX_PAIR_WORD0 0x20u
-#define KDZK_EX_SUM 0x80u
-#define KDZK_EX_COPY_VALUES 0x01u
 #define KDZK_OUT_SELECTION 0x02u
-#define KDZK_OUT_DECODE_ROW 0x04u
-#define KDZK_OUT_SET_SELECTION 0x10u
-#define KDZK_OUT_BLOOM_SELECTIVE 0x20u
-#define KDZK_OUT_UNPACK_ROW 0x40u
-#define KDZK_OUT2_XLATE_SELECTIVE 0x01u
-#define KDZK_STORE_ROWS 0x02u
-#define KDZK_STORE_OFFSETS 0x08u
-#define KDZK_STORE_REFS 0x10u
 #define KDZK_STORE_PAIRS 0x20u
 
 typedef struct kdzk_vec kdzk_vec;
@@ -163,10 +130,6 @@ struct kdzk_hit_range {
   uint32_t first, last;
 };
 #define KDZK_PART_A 0x09u
-#define KDZK_PART_B 0x29u
-#define KDZK_PART_C 0x0au
-#define KDZK_PART_D 0x0cu
-#define KDZK_PART_NO_PAYLOAD 0x10u
 
 struct kdzk_partdesc {
   uint32_t leading;
@@ -200,37 +163,16 @@ struct kdzk_rowstore {
 };
 
 #define KDZK_INLINE static inline
-#define KDZK_KERNEL_IDS 8192u
 #define KDZK_DISPATCH_SIZE 8256u
-#define KDZK_FAMILY_FIXED 0u
 #define KDZK_FAMILY_DICT 1u
-#define KDZK_FAMILY_DYNP 2u
-#define KDZK_FAMILY_FURTHER 3u
-#define KDZK_OP_EQ 0u
 #define KDZK_OP_LT 1u
-#define KDZK_OP_GT 2u
-#define KDZK_OP_LE 3u
-#define KDZK_OP_GE 4u
-#define KDZK_OP_NE 5u
-#define KDZK_OP_GT_LT 6u
-#define KDZK_OP_GT_LE 7u
-#define KDZK_OP_GE_LT 8u
-#define KDZK_OP_GE_LE 9u
 #define KDZK_OP_DECODE 10u
 #define KDZK_OP_DECODE_UNPACK 11u
-#define KDZK_OP_DECODE_SYMBOL 12u
 #define KDZK_OP_SET 13u
-#define KDZK_OP_BURST_RLE 14u
-#define KDZK_OP_SUM 15u
-#define KDZK_OP_DISTINCT 16u
 #define KDZK_OP_XLATE 17u
 #define KDZK_OP_ADD 19u
-#define KDZK_OP_SUB 20u
-#define KDZK_OP_MUL 21u
 #define KDZK_ROW_VARIANT 32u
 #define KDZK_ROW_DOUBLE 1u
-#define KDZK_ROW_SORTABLE_LEFT 4u
-#define KDZK_ROW_SORTABLE_RIGHT 8u
 #define KDZK_NO_ROW_OF_WIDTH 127u
 
 KDZK_INLINE uint32_t kdzk_row_of_width(uint32_t width) {
@@ -266,9 +208,6 @@ typedef uint64_t (*kdzk_hash_rows_fn)(const kdzk_vec* out, const kdzk_vec* keys,
                                       kdzk_hash_fn hash);
 typedef uint64_t (*kdzk_partition_fn)(const kdzk_partdesc* desc, const kdzk_vec* keys, const kdzk_vec* rows,
                                       kdzk_hash_fn hash, kdzk_exec* exec);
-#define KDZK_HT_KEY_MODE 0x1000u
-#define KDZK_BUCKET_UNIQUE 0x40u
-#define KDZK_BUCKET_CHAINED 0x80u
 typedef uint64_t (*kdzk_ht_build_fn)(const kdzk_htdesc* desc, const kdzk_vec* keys, const kdzk_vec* rows,
                                      int32_t partition, kdzk_hash_fn hash, kdzk_exec* exec);
 typedef uint64_t (*kdzk_ht_probe_fn)(kdzk_vec* out, const kdzk_vec* keys, const kdzk_vec* rows, const kdzk_htdesc* desc,
@@ -291,7 +230,6 @@ typedef uint64_t (*kdzk_groupkey_fn)(kdzk_vec* result, uint32_t* key_count, cons
 #define KDZK_MAGIC UINT64_C(0xb9018218)
 #define KDZK_VERSION "19.1-1"
 #define KDZK_CONTEXT_SYMBOL "kdzk_global_specialized_ctx"
-#define KDZK_BV8_END UINT64_C(0xffffffff)
 #define KDZK_BV64_END UINT64_C(0xffffffffffffffff)
 
 typedef struct kdzk_bv_services {

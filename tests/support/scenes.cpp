@@ -365,7 +365,7 @@ void unpacked(uint8_t width, bool wide, uint8_t runs) {
 void bursts() {
   for (const uint32_t row : {6u, 7u, 14u, 15u}) {
     for (const unsigned percent : {1u, 50u, 99u}) {  // each has a way of its own
-      add(row, 110, one_road, "+" + std::to_string(percent) + " %", [=](Stage& s, Road, kdzk_kernel kernel) {
+      add(row, 110, one_road, std::to_string(percent).insert(0, "+"), [=](Stage& s, Road, kdzk_kernel kernel) {
         const uint32_t runs = 300;
         const Bytes lengths = run_lengths(s, runs);
         Codes offsets(runs + 1);

@@ -2,27 +2,22 @@
 
 #include "tests/support/scenes.h"
 
-#include <kdzk/host/packed_codes.h>
 #include <kdzk/host/prefix_records.h>
 #include <kdzk/host/sqzb.h>
 
-#include <algorithm>
-#include <cstring>
 #include <numeric>
 
 #include "tests/support/numbers.h"
 #include "tests/support/predicate_oracle.h"
+#include "tests/support/streams.h"
 #include "tests/support/value_columns.h"
 
 namespace kdzk_test {
 namespace {
 
-using Codes = std::vector<uint32_t>;
 using Roads = std::vector<Road>;
 const Roads one_road = {Road::fast}, plain_roads = {Road::fast, Road::tail},
             all_roads = {Road::fast, Road::tail, Road::selective, Road::blocked};
-const uint8_t dict_widths[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32};
-
 std::vector<Scene> all;
 
 // A kernel's scene; `play` gets its entry.
@@ -52,14 +47,6 @@ Bytes random_bytes(Stage& s, size_t n, uint64_t below = 256) {
   for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(s.random.below(below));
   return bytes;
 }
-
-Bytes packed(const Codes& codes, uint32_t width) {
-  Bytes bytes(kdzk_host_packed_bytes(codes.size(), width));
-  kdzk_host_pack(codes.data(), codes.size(), width, bytes.data());
-  return bytes;
-}
-
-Bytes big_endian(const Codes& numbers) { return packed(numbers, 32); }
 
 template <class T>
 std::vector<T> part_of(const std::vector<T>& rows, size_t first, size_t count) {

@@ -2,13 +2,11 @@
 // The four burst kernels against a loop over rows.
 
 #include <gtest/gtest.h>
-#include <kdzk/host/packed_codes.h>
 #include <kdzk/host/run_length.h>
 
-#include <algorithm>
 #include <memory>
 
-#include "tests/support/host.h"
+#include "tests/support/streams.h"
 
 namespace kdzk_test {
 namespace {
@@ -16,7 +14,7 @@ namespace {
 struct BurstKernel {
   const char* name;
   uint32_t id;
-  int length_bits;  // 0: by first rows
+  uint32_t length_bits;  // 0: by first rows
 };
 
 const BurstKernel burst_kernels[] = {{"kdzk_burst_rle_8bit", 878, 8},
@@ -24,31 +22,22 @@ const BurstKernel burst_kernels[] = {{"kdzk_burst_rle_8bit", 878, 8},
                                      {"kdzk_burst_rle_16bit", 1902, 16},
                                      {"kdzk_burst_rle_16bit_cla", 2030, 0}};
 
-void put_big_endian(std::vector<uint8_t>& bytes, uint32_t number, int bits) {
-  for (int shift = bits - 8; shift >= 0; shift -= 8) bytes.push_back(static_cast<uint8_t>(number >> shift));
-}
-
 // A column of runs, and the bits of its runs.
 struct Column {
   const BurstKernel& kernel;
-  std::vector<uint32_t> lengths;
+  Codes lengths;
   std::vector<bool> chosen;
   std::unique_ptr<GuardedBuffer> runs;
-  std::unique_ptr<GuardedBits> run_bits;
+  GuardedBits run_bits;
   kdzk_enc_ctx enc{};
   kdzk_vec src{};
 
-  Column(const BurstKernel& k, std::vector<uint32_t> run_lengths, std::vector<bool> run_chosen, Random& random)
-      : kernel(k), lengths(std::move(run_lengths)), chosen(std::move(run_chosen)) {
-    std::vector<uint8_t> bytes;
-    uint32_t row = 0;
-    for (const uint32_t length : lengths) {
-      put_big_endian(bytes, k.length_bits > 0 ? length : row, k.length_bits > 0 ? k.length_bits : 32);
-      row += length;
-    }
-    if (k.length_bits == 0) put_big_endian(bytes, row, 32);
+  Column(const BurstKernel& k, Codes run_lengths, std::vector<bool> run_chosen, Random& random)
+      : kernel(k), lengths(std::move(run_lengths)), chosen(std::move(run_chosen)), run_bits(chosen, random.bits()) {
+    Codes first_rows = {0};
+    for (const uint32_t length : lengths) first_rows.push_back(first_rows.back() + length);
+    const Bytes bytes = k.length_bits > 0 ? packed(lengths, k.length_bits) : big_endian(first_rows);
     runs = std::make_unique<GuardedBuffer>(bytes, 0, static_cast<uint8_t>(random.bits()));
-    run_bits = std::make_unique<GuardedBits>(chosen, random.bits());
     enc.flags = KDZK_RLE | KDZK_PACKED_DICT;
     enc.own_nrows = static_cast<uint32_t>(lengths.size());
     if (k.length_bits > 0) {
@@ -58,75 +47,44 @@ struct Column {
     }
     src.enc_ctx = &enc;
   }
+  Column(const Column&) = delete;
 
-  std::vector<bool> expected() const {
-    std::vector<bool> rows;
-    for (size_t run = 0; run < lengths.size(); run++) rows.insert(rows.end(), lengths[run], chosen[run]);
-    return rows;
-  }
-  uint64_t set_runs() const { return static_cast<uint64_t>(std::count(chosen.begin(), chosen.end(), true)); }
-
-  uint64_t call(kdzk_vec* result, uint64_t reported) const {
-    kdzk_result_report report{};
-    report.bitvec = run_bits->words();
-    report.hits = reported;
+  uint64_t call(kdzk_vec* result, uint64_t reported) {
+    kdzk_result_report report{.bitvec = run_bits.words(), .hits = reported};
     return library().dispatch[kernel.id].burst(result, &src, &report);
   }
 
   // Rows, hits and return code must be the expected ones, whatever count of set runs is reported. Rows behind the last
   // run are what most runs are said to be.
-  void expect_rows(uint64_t reported, Random& random, uint32_t rows_behind = 0) const {
-    std::vector<bool> want = expected();
+  void expect_rows(uint64_t reported, Random& random, uint32_t rows_behind = 0) {
+    std::vector<bool> want;
+    for (size_t run = 0; run < lengths.size(); run++) want.insert(want.end(), lengths[run], chosen[run]);
     want.insert(want.end(), rows_behind, reported > lengths.size() / 2);
-    const std::string what = std::string(kernel.name) + ", " + std::to_string(lengths.size()) + " runs, " +
-                             std::to_string(want.size()) + " rows, " + std::to_string(set_runs()) + " set, reported " +
-                             std::to_string(reported) + ", seed " + std::to_string(random.seed());
-    SCOPED_TRACE(what);
-    now_running(what);
+    const Case now(Message() << kernel.name << ", " << lengths.size() << " runs, " << want.size() << " rows, "
+                             << count(chosen) << " set, reported " << reported,
+                   random);
     GuardedBits bits(want.size(), random.bits());
-    kdzk_vec result{};
-    result.bitvec = bits.words();
-    result.nrows = static_cast<uint32_t>(want.size());
-    result.hits = 4711;
-    const uint64_t returned = call(&result, reported);
-    const auto got = bits.rows();
-    const auto first = std::mismatch(want.begin(), want.end(), got.begin()).first;
-    EXPECT_EQ(first, want.end()) << "first row that differs: " << first - want.begin();
-    if (want.size() % 64 != 0) {
-      EXPECT_EQ(bits.word(want.size() / 64) >> want.size() % 64, 0u);
-    }
-    const auto hits = static_cast<uint32_t>(std::count(want.begin(), want.end(), true));
-    EXPECT_EQ(result.hits, hits);
-    EXPECT_EQ(returned, hits > 0 ? KDZK_DONE : KDZK_NO_ROW);
+    kdzk_vec result{.bitvec = bits.words(), .hits = 4711, .nrows = static_cast<uint32_t>(want.size())};
+    EXPECT_EQ(call(&result, reported), count(want) > 0 ? KDZK_DONE : KDZK_NO_ROW);
+    expect_bits(bits, want, 0);
+    EXPECT_EQ(result.hits, count(want));
   }
 };
 
 enum class Spread { ones, short_runs, around_a_word, long_runs, longest };
 const Spread spreads[] = {Spread::ones, Spread::short_runs, Spread::around_a_word, Spread::long_runs, Spread::longest};
 
-std::vector<uint32_t> random_lengths(const BurstKernel& kernel, uint32_t runs, Spread spread, Random& random) {
+Codes random_lengths(const BurstKernel& kernel, uint32_t runs, Spread spread, Random& random) {
   const uint32_t longest = kernel.length_bits == 8 ? 255 : kernel.length_bits == 16 ? 65535 : 70000;
   const uint32_t edges[] = {55, 56, 57, 63, 64, 65, 112, 113, 127, 128, 129, 191, 192, 193};
-  std::vector<uint32_t> lengths(runs);
+  Codes lengths(runs, 1);
   for (uint32_t& length : lengths) {
-    switch (spread) {
-      case Spread::ones:
-        length = 1;
-        break;
-      case Spread::short_runs:
-        length = static_cast<uint32_t>(1 + random.below(9));
-        break;
-      case Spread::around_a_word:
-        length = edges[random.below(std::size(edges))];
-        break;
-      case Spread::long_runs:
-        length = static_cast<uint32_t>(1 + random.below(std::min(longest, 700u)));
-        break;
-      case Spread::longest:  // 16 bits and more: a few, so that the oracle's rows stay few
-        length =
-            runs > 16 && longest > 255 && random.below(32) > 0 ? 3 : longest - static_cast<uint32_t>(random.below(2));
-        break;
-    }
+    if (spread == Spread::short_runs) length = static_cast<uint32_t>(1 + random.below(9));
+    if (spread == Spread::around_a_word) length = edges[random.below(std::size(edges))];
+    if (spread == Spread::long_runs) length = static_cast<uint32_t>(1 + random.below(std::min(longest, 700u)));
+    if (spread == Spread::longest)  // 16 bits and more: a few, so that the oracle's rows stay few
+      length =
+          runs > 16 && longest > 255 && random.below(32) > 0 ? 3 : longest - static_cast<uint32_t>(random.below(2));
   }
   return lengths;
 }
@@ -144,11 +102,11 @@ std::vector<bool> random_choice(uint32_t runs, uint32_t set, Random& random) {
 class BurstRle : public testing::TestWithParam<BurstKernel> {
  protected:
   void SetUp() override { ASSERT_STREQ(kdzk_name_of(&library(), GetParam().id), GetParam().name); }
+  Random random{GetParam().name};
 };
 
 // All densities at which the choice of leaf changes, with a run more and less.
 TEST_P(BurstRle, AgreesWithALoopOverRows) {
-  Random random(GetParam().name);
   for (const uint32_t runs : {1u, 2u, 7u, 8u, 9u, 49u, 50u, 51u, 63u, 64u, 65u, 100u, 128u, 150u, 640u, 1001u}) {
     const auto low = static_cast<uint32_t>(0.02 * runs), high = static_cast<uint32_t>(runs * 0.98), half = runs / 2;
     for (const uint32_t set :
@@ -156,8 +114,8 @@ TEST_P(BurstRle, AgreesWithALoopOverRows) {
       if (set > runs) continue;
       for (const Spread spread : spreads) {
         if (spread == Spread::longest && runs > 200 && set != half) continue;
-        const Column column(GetParam(), random_lengths(GetParam(), runs, spread, random),
-                            random_choice(runs, set, random), random);
+        Column column(GetParam(), random_lengths(GetParam(), runs, spread, random), random_choice(runs, set, random),
+                      random);
         column.expect_rows(set, random);
         if (HasFailure()) return;
       }
@@ -167,11 +125,10 @@ TEST_P(BurstRle, AgreesWithALoopOverRows) {
 
 // The reported count is only a hint: each leaf gives the same rows.
 TEST_P(BurstRle, BearsAWrongCount) {
-  Random random(GetParam().name);
   for (const uint32_t runs : {1u, 64u, 333u}) {
     for (const unsigned percent : {0u, 3u, 50u, 97u, 100u}) {
-      const Column column(GetParam(), random_lengths(GetParam(), runs, Spread::long_runs, random),
-                          random.rows(runs, percent), random);
+      Column column(GetParam(), random_lengths(GetParam(), runs, Spread::long_runs, random), random.rows(runs, percent),
+                    random);
       for (const uint64_t reported :
            {uint64_t{0}, uint64_t{runs} / 2, uint64_t{runs} / 2 + 1, uint64_t{runs}, ~uint64_t{0}}) {
         for (const uint32_t rows_behind : {0u, 1u, 150u}) column.expect_rows(reported, random, rows_behind);
@@ -182,12 +139,11 @@ TEST_P(BurstRle, BearsAWrongCount) {
 
 // A stretch of each length from each bit of a word, also to the last row of the vector.
 TEST_P(BurstRle, SetsStretchesAtEveryBit) {
-  Random random(GetParam().name);
   for (uint32_t before = 1; before <= 66; before++) {
     for (const uint32_t length : {1u, 2u, 55u, 56u, 57u, 62u, 63u, 64u, 65u, 113u, 128u, 200u}) {
       for (const uint32_t behind : {1u, 64u, 128u}) {
         for (const bool inner : {true, false}) {
-          const Column column(GetParam(), {before, length, behind}, {!inner, inner, !inner}, random);
+          Column column(GetParam(), {before, length, behind}, {!inner, inner, !inner}, random);
           for (const uint64_t reported : {0u, 1u, 2u, 3u}) column.expect_rows(reported, random);
         }
       }
@@ -197,54 +153,27 @@ TEST_P(BurstRle, SetsStretchesAtEveryBit) {
 }
 
 TEST_P(BurstRle, BearsNoRuns) {
-  Random random(GetParam().name);
-  const Column column(GetParam(), {}, {}, random);
-  uint64_t word = 0;  // what a host may hand over as bits of no runs
-  kdzk_result_report report{};
-  report.bitvec = &word;
-  kdzk_vec result{};
-  result.hits = 4711;
-  EXPECT_EQ(library().dispatch[GetParam().id].burst(&result, &column.src, &report), KDZK_NO_ROW);
-  EXPECT_EQ(result.hits, 0u);
-  // Rows without runs are clear.
-  GuardedBits bits(70);
-  result.bitvec = bits.words();
-  result.nrows = 70;
-  EXPECT_EQ(library().dispatch[GetParam().id].burst(&result, &column.src, &report), KDZK_NO_ROW);
-  EXPECT_EQ(bits.rows(), std::vector<bool>(70));
+  Column column(GetParam(), {}, {}, random);
+  for (const uint32_t rows : {0u, 70u}) column.expect_rows(0, random, rows);
 }
 
-// At any address, and with one record for result and source.
-TEST_P(BurstRle, HasNoAlignment) {
-  Random random(GetParam().name);
-  const Column column(GetParam(), random_lengths(GetParam(), 300, Spread::short_runs, random), random.rows(300, 40),
-                      random);
-  const std::vector<bool> want = column.expected();
-  const size_t bytes = (want.size() + 63) / 64 * 8;
-  for (const size_t shift : {1u, 3u, 7u}) {
-    GuardedBuffer bits(bytes, shift);
-    kdzk_vec vec = column.src;
-    vec.bitvec = reinterpret_cast<uint64_t*>(bits.data());
-    vec.nrows = static_cast<uint32_t>(want.size());
-    kdzk_result_report report{};
-    report.bitvec = column.run_bits->words();
-    report.hits = column.set_runs();
-    EXPECT_EQ(library().dispatch[GetParam().id].burst(&vec, &vec, &report), KDZK_DONE);
-    for (size_t row = 0; row < want.size(); row++) ASSERT_EQ(bits.data()[row / 8] >> row % 8 & 1, want[row]) << row;
-    for (size_t i = 0; i < shift; i++) EXPECT_EQ(bits.data()[bytes + i], 0xa5);
-  }
+TEST_P(BurstRle, TakesOneRecordForBoth) {
+  Column column(GetParam(), {3, 70, 5}, {true, false, true}, random);
+  GuardedBits bits(78);
+  column.src.bitvec = bits.words();
+  column.src.nrows = 78;
+  EXPECT_EQ(column.call(&column.src, 2), KDZK_DONE);
+  EXPECT_EQ(bits.word(0), 7u);
+  EXPECT_EQ(bits.word(1), 31u << 9);
 }
 
 // Both invariants end the process in every build, the run-length one first.
 TEST_P(BurstRle, EndsTheProcessOnABrokenInvariant) {
-  Random random(GetParam().name);
   Column column(GetParam(), {3, 4}, {true, false}, random);
   uint64_t bits = 0;
-  kdzk_vec result{};
-  result.bitvec = &bits;
-  result.nrows = 7;
+  kdzk_vec result{.bitvec = &bits, .nrows = 7};
   const auto same = [&] {
-    result.bitvec = column.run_bits->words();
+    result.bitvec = column.run_bits.words();
     column.call(&result, 1);
   };
   const char* const no_runs = "Assertion `KDZK_ENC_CTX_FLAG\\(KDZK_VEC_ENC_CTX\\(src\\), KDZK_RLE\\)' failed";
@@ -257,52 +186,43 @@ TEST_P(BurstRle, EndsTheProcessOnABrokenInvariant) {
 INSTANTIATE_TEST_SUITE_P(All, BurstRle, testing::ValuesIn(burst_kernels),
                          [](const auto& info) { return std::string(info.param.name); });
 
-uint32_t burst_at_the_end(const kdzk_env*, kdzk_vec* result, const kdzk_vec* input, const kdzk_result_report* report) {
-  const uint32_t id = input->enc_ctx->unpack_width == 8 ? 878 : input->enc_ctx->unpack_width == 16 ? 1902 : 1006;
-  return static_cast<uint32_t>(library().dispatch[id].burst(result, input, report));
-}
-
 // The whole road of a host: codes to a run-length column by the host kit, a predicate on its runs, and rows.
 TEST(BurstRleColumn, GoesFromPredicateToRows) {
   Random random("burst_rle_column");
-  std::vector<uint32_t> codes;
+  Codes codes;
   while (codes.size() < 20000) codes.insert(codes.end(), 1 + random.below(600), static_cast<uint32_t>(random.below(8)));
   const auto nrows = static_cast<uint32_t>(codes.size());
   for (const uint32_t length_bits : {8u, 16u, 32u}) {
     const uint32_t runs = kdzk_host_count_runs(codes.data(), nrows, length_bits);
-    std::vector<uint32_t> run_codes(runs);
+    Codes run_codes(runs);
     std::vector<uint16_t> run_lengths(runs + KDZK_PADDING);
-    std::vector<uint8_t> run_offsets(4 * (runs + 1)), data(kdzk_host_packed_bytes(runs, 3) + KDZK_PADDING);
+    Bytes run_offsets(4 * (runs + 1));
     kdzk_host_write_runs(codes.data(), nrows, length_bits, run_codes.data(),
                          length_bits < 32 ? run_lengths.data() : nullptr, run_offsets.data());
-    kdzk_host_pack(run_codes.data(), runs, 3, data.data());
-    std::vector<uint64_t> run_bits((runs + 63) / 64);
-    kdzk_enc_ctx enc{};
-    enc.flags = KDZK_RLE | KDZK_PACKED_DICT;
-    enc.width = 3;
-    enc.own_nrows = runs;
-    enc.own_bitvec = run_bits.data();
-    enc.unpack_base = reinterpret_cast<uint64_t>(run_lengths.data());
-    enc.unpack_width = static_cast<uint8_t>(length_bits);
-    enc.run_offsets = run_offsets.data();
-    enc.result_cb = burst_at_the_end;
-    kdzk_vec input{};
-    input.data = data.data();
-    input.enc_ctx = &enc;
-    input.nrows = nrows;
-    GuardedBits bits(nrows);
+    GuardedBuffer data(packed(run_codes, 3));
+    GuardedBits run_bits(runs), bits(nrows);
+    kdzk_enc_ctx enc{.unpack_base = reinterpret_cast<uint64_t>(run_lengths.data()),
+                     .unpack_width = static_cast<uint8_t>(length_bits),
+                     .own_nrows = runs,
+                     .run_offsets = run_offsets.data(),
+                     .own_bitvec = run_bits.words(),
+                     .flags = KDZK_RLE | KDZK_PACKED_DICT,
+                     .width = 3};
+    enc.result_cb = [](const kdzk_env*, kdzk_vec* result, const kdzk_vec* input, const kdzk_result_report* report) {
+      const uint32_t id = input->enc_ctx->unpack_width == 8 ? 878 : input->enc_ctx->unpack_width == 16 ? 1902 : 1006;
+      return static_cast<uint32_t>(library().dispatch[id].burst(result, input, report));
+    };
+    kdzk_vec input{.data = data.data(), .enc_ctx = &enc};
     kdzk_vec result{};
+    input.nrows = result.nrows = nrows;
     result.bitvec = bits.words();
-    result.nrows = nrows;
     uint32_t three = 3;
     kdzk_kargs constant{};
     constant.data = &three;
     kdzk_exec exec{};
     EXPECT_EQ(library().dispatch[2 * 128 + 33].compare(&result, &input, &constant, &exec), KDZK_DONE);  // lt, 3 bits
-    std::vector<bool> want;
-    for (const uint32_t code : codes) want.push_back(code < 3);
-    EXPECT_EQ(bits.rows(), want);
-    EXPECT_EQ(result.hits, std::count(want.begin(), want.end(), true));
+    for (uint32_t row = 0; row < nrows; row++) ASSERT_EQ(bits.row(row), codes[row] < 3) << row;
+    EXPECT_EQ(result.hits, count(bits.rows()));
   }
 }
 

@@ -134,15 +134,10 @@ class DecodeDict : public testing::TestWithParam<uint32_t> {
   const uint32_t top = static_cast<uint32_t>((uint64_t{1} << width) - 1);
   Random random{name};
   kdzk_enc_ctx enc{};
-  kdzk_vec input{};
-  kdzk_exec exec{};
+  kdzk_vec input{.enc_ctx = &enc, .filter = no_address<uint64_t>()};
+  kdzk_exec exec{.selection = no_address<uint64_t>(), .flags = 0xff, .flags2 = 0xff};  // which mean nothing here
 
-  void SetUp() override {
-    ASSERT_STREQ(kdzk_name_of(&library(), id), name.c_str());
-    input.enc_ctx = &enc;
-    input.filter = exec.selection = no_address<uint64_t>();  // selection and flags mean nothing here
-    exec.flags = exec.flags2 = 0xff;
-  }
+  void SetUp() override { ASSERT_STREQ(kdzk_name_of(&library(), id), name.c_str()); }
 
   Dictionary dictionary(uint32_t mode) {
     if (mode == 1) return Dictionary::variable(top, random);
@@ -272,22 +267,16 @@ class DecodeSymbol : public testing::TestWithParam<SymbolKernel> {
   const std::string name = dict_kernel("decode_symbol", width);
   const uint32_t top = static_cast<uint32_t>((uint64_t{1} << code_bits) - 1);
   kdzk_enc_ctx enc{};
-  kdzk_vec input{}, result{};
-  kdzk_exec exec{};
+  kdzk_vec input{.enc_ctx = &enc, .filter = no_address<uint64_t>()}, result{.nrows = 0xffffffff};
+  kdzk_exec exec{.env = no_address<kdzk_env>(),
+                 .selection = no_address<uint64_t>(),
+                 .flags = static_cast<uint8_t>(GetParam().wide ? 0xff : ~KDZK_EX_UNPACK_WIDE),
+                 .row = 77,
+                 .ones_vec = no_address<uint32_t>(),
+                 .out_flags = 0x10};
   Random random{name + (GetParam().wide ? " wide" : "")};
 
-  void SetUp() override {
-    ASSERT_STREQ(kdzk_name_of(&library(), id), name.c_str());
-    input.enc_ctx = &enc;
-    input.filter = no_address<uint64_t>();
-    result.nrows = 0xffffffff;
-    exec.env = no_address<kdzk_env>();
-    exec.selection = no_address<uint64_t>();
-    exec.ones_vec = no_address<uint32_t>();
-    exec.row = 77;
-    exec.flags = static_cast<uint8_t>(GetParam().wide ? 0xff : ~KDZK_EX_UNPACK_WIDE);
-    exec.out_flags = 0x10;
-  }
+  void SetUp() override { ASSERT_STREQ(kdzk_name_of(&library(), id), name.c_str()); }
 
   Bytes native(const Codes& codes) const {
     if (code_bits == 32) return bytes_of(codes);

@@ -4,10 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 
-#include "tests/support/host.h"
+#include "tests/support/sqzb_oracle.h"
+#include "tests/support/streams.h"
 
 namespace kdzk_test {
 namespace {
@@ -15,82 +15,48 @@ namespace {
 struct Column {
   uint32_t width, dict_size;
   bool runs;
-  std::vector<uint32_t> codes;  // of each row
-  std::vector<uint8_t> data, lengths;
+  Codes codes;  // of each row
+  Bytes data, lengths;
 };
 
 Column random_column(Random& random, uint32_t width, uint32_t dict_size, bool runs, uint32_t nrows) {
   Column column = {width, dict_size, runs, {}, {}, {}};
-  uint64_t bit = 0;
+  Codes stored;
   while (column.codes.size() < nrows) {
-    const auto code = static_cast<uint32_t>(random.below(dict_size));
+    stored.push_back(static_cast<uint32_t>(random.below(dict_size)));
     uint64_t rows = 1;
     if (runs) {
       rows = std::min<uint64_t>(1 + random.below(random.below(2) == 0 ? 3 : 100), nrows - column.codes.size());
       column.lengths.push_back(static_cast<uint8_t>(rows));
     }
-    column.codes.insert(column.codes.end(), rows, code);
-    column.data.resize((bit + width + 7) / 8);
-    for (uint32_t i = width; i-- > 0; bit++)
-      column.data[bit / 8] |= static_cast<uint8_t>((code >> i & 1) << (7 - bit % 8));
+    column.codes.insert(column.codes.end(), rows, stored.back());
   }
+  column.data = packed(stored, width);
   column.data.resize(column.data.size() + KDZK_PADDING, 0xff);
   return column;
 }
-
-// The host's callbacks for scratch: one piece at a time, at a page that faults.
-struct Scratch {
-  std::unique_ptr<GuardedBuffer> buffer;
-  uint64_t size = 0;
-  std::string comment;
-  int allocs = 0, frees = 0;
-  void** word = nullptr;
-  bool good = true;
-
-  static void* alloc(void* hctx, uint64_t size, const char* comment, uint32_t unit, uint32_t zero, void** out) {
-    auto& s = *static_cast<Scratch*>(hctx);
-    s.buffer = std::make_unique<GuardedBuffer>(size);
-    s.size = size;
-    s.comment = comment;
-    s.allocs++;
-    s.good = s.good && unit == 4 && zero == 0 && *out == out;
-    *out = &s.word;  // a handle
-    return s.buffer->data();
-  }
-  static void free(void* hctx, void* scratch, void* out) {
-    auto& s = *static_cast<Scratch*>(hctx);
-    s.frees++;
-    s.good = s.good && scratch == s.buffer->data() && out == &s.word;
-    s.buffer.reset();
-  }
-};
 
 struct GroupKey {
   std::vector<Column> columns;
   std::vector<kdzk_enc_ctx> enc;
   std::vector<kdzk_vec> vecs;
-  Scratch scratch;
-  kdzk_env env{};
-  kdzk_exec exec{};
+  SqzbHost scratch;  // for its scratch
+  kdzk_env env{.hctx = &scratch, .tmp_alloc = scratch.ctx.tmp_alloc, .tmp_free = scratch.ctx.tmp_free};
+  kdzk_exec exec{.env = &env};
   uint32_t key_count = 4711;
 
   GroupKey(std::vector<Column> c, bool multiplies) : columns(std::move(c)), enc(columns.size()), vecs(columns.size()) {
     for (size_t i = 0; i < columns.size(); i++) {
-      const uint32_t row = columns[i].width == 24 ? 20 : columns[i].width == 32 ? 21 : columns[i].width - 1;
-      enc[i].kind = static_cast<uint8_t>(row * 4 + 1);
-      enc[i].flags = KDZK_PACKED_DICT | (columns[i].runs ? KDZK_RLE : 0);
-      enc[i].width = static_cast<uint8_t>(columns[i].width);
-      enc[i].dict_size = columns[i].dict_size;
-      enc[i].unpack_base = reinterpret_cast<uint64_t>(columns[i].lengths.data());
-      enc[i].unpack_width = 8;
-      vecs[i].data = columns[i].data.data();
-      vecs[i].enc_ctx = &enc[i];
-      vecs[i].nrows = static_cast<uint32_t>(columns[i].codes.size());
+      Column& column = columns[i];
+      enc[i] = {.kind = static_cast<uint8_t>(dict_kernel_id(column.width, 42) / 128 * 4 + 1),
+                .dict_size = column.dict_size,
+                .unpack_base = reinterpret_cast<uint64_t>(column.lengths.data()),
+                .unpack_width = 8,
+                .flags = KDZK_PACKED_DICT | (column.runs ? KDZK_RLE : 0),
+                .width = static_cast<uint8_t>(column.width)};
+      vecs[i] = {.data = column.data.data(), .enc_ctx = &enc[i], .nrows = static_cast<uint32_t>(column.codes.size())};
     }
-    env.hctx = &scratch;
-    env.tmp_alloc = Scratch::alloc;
-    env.tmp_free = Scratch::free;
-    exec.env = &env;
+    scratch.leaves_handles = true;
     exec.flags = multiplies ? KDZK_EX_GROUP_MUL : 0;
     exec.run = {77, 99};  // not this function's
   }
@@ -106,23 +72,18 @@ struct GroupKey {
   }
 
   // One call with room for so many keys and so much scratch, and its keys.
-  uint64_t call(uint32_t room, uint32_t batch, std::vector<uint32_t>& keys) {
+  uint64_t call(uint32_t room, uint32_t batch, Codes& keys) {
     GuardedBuffer out(size_t{room} * 4), temp(size_t{batch} * 4);
-    kdzk_vec result{}, temp_vec{};
-    result.data = out.data();
-    result.nrows = room;
-    result.hits = 4711;
-    temp_vec.data = temp.data();
-    temp_vec.nrows = batch;
+    kdzk_vec result{.data = out.data(), .hits = 4711, .nrows = room};
+    kdzk_vec temp_vec{.data = temp.data(), .nrows = batch};
     const kdzk_exec before = exec;
     const uint64_t ncols = columns.size() | uint64_t{0xabc} << 32;  // the upper half isn't looked at
     const uint64_t code = library().groupkey_dydi(&result, &key_count, vecs.data(), ncols, &temp_vec, &exec);
-    EXPECT_EQ(std::memcmp(&before, &exec, sizeof exec), 0);
-    EXPECT_TRUE(scratch.good);
-    EXPECT_EQ(scratch.allocs, scratch.frees);
-    keys.assign(std::min(result.hits, room), 0);
-    if (!keys.empty()) std::memcpy(keys.data(), out.data(), keys.size() * 4);
+    EXPECT_TRUE(same_bytes(before, exec) && scratch.allocs.size() == scratch.frees.size());
+    EXPECT_EQ(scratch.complaint, "");
     hits = result.hits;
+    const auto* const first = reinterpret_cast<const uint32_t*>(out.data());
+    keys.assign(first, first + std::min(hits, room));
     return code;
   }
   uint32_t hits = 0;
@@ -156,20 +117,19 @@ TEST(GroupKeys, AgreeWithKeysComputedRowByRow) {
           g.exec.selection = selection->words();
           if (round % 2 == 0) g.exec.flags |= KDZK_EX_SELECTIVE;
         }
-        std::vector<uint32_t> wanted;
+        Codes wanted;
         for (uint32_t r = 0; r < nrows; r++) {
           if (rows[r]) wanted.push_back(r);
         }
         for (const uint32_t room : {1u, 2u, 10u, 64u, 1000u}) {
           for (const uint32_t batch : {1u, 3u, 10u, 64u, 500u}) {
-            SCOPED_TRACE(std::to_string(ncols) + " columns, round " + std::to_string(round) + ", room " +
-                         std::to_string(room) + ", batch " + std::to_string(batch) + ", seed " +
-                         std::to_string(random.seed()));
+            const Case now(
+                Message() << ncols << " columns, round " << round << ", room " << room << ", batch " << batch, random);
             size_t done = 0;
             uint64_t code = KDZK_OUTPUT_FULL;
             g.exec.row = 0;
             while (code == KDZK_OUTPUT_FULL) {
-              std::vector<uint32_t> keys, want;
+              Codes keys, want;
               const size_t first = done;
               code = g.call(room, batch, keys);
               for (uint32_t i = 0; i < g.hits && done < wanted.size(); i++) want.push_back(g.key(wanted[done++]));
@@ -180,8 +140,10 @@ TEST(GroupKeys, AgreeWithKeysComputedRowByRow) {
               if (done > 0) g.exec.row = wanted[done - 1] + 1;
             }
             ASSERT_EQ(done, wanted.size());
-            ASSERT_EQ(g.scratch.size, ncols * 12);
-            ASSERT_EQ(g.scratch.comment, "kdzk_groupkey_dydi: temp column info");
+            const auto& alloc = g.scratch.allocs.back();
+            ASSERT_TRUE(alloc.size == ncols * 12 && alloc.unit == 4 && alloc.zero == 0 &&
+                        alloc.out_before == alloc.out);
+            ASSERT_EQ(alloc.comment, "kdzk_groupkey_dydi: temp column info");
           }
         }
       }
@@ -197,12 +159,12 @@ GroupKey sized(const std::vector<std::pair<uint32_t, uint32_t>>& sizes_and_width
 }
 
 TEST(GroupKeys, CountTheirSpace) {
-  std::vector<uint32_t> keys;
+  Codes keys;
   const auto expect = [&](GroupKey g, uint64_t code, uint32_t count) {
     EXPECT_EQ(g.call(5, 5, keys), code);
     EXPECT_EQ(g.key_count, count);
     EXPECT_EQ(g.hits, code == KDZK_DONE ? 0u : 4711u);
-    EXPECT_EQ(g.scratch.allocs, code == KDZK_DONE ? 1 : 0);
+    EXPECT_EQ(g.scratch.allocs.size(), code == KDZK_DONE ? 1u : 0u);
   };
   expect(sized({{65536, 16}, {65536, 16}}, true), KDZK_KEYS_TOO_MANY, 4711);
   expect(sized({{65536, 16}, {65535, 16}}, true), KDZK_DONE, 4294901760);
@@ -216,7 +178,7 @@ TEST(GroupKeys, CountTheirSpace) {
     GroupKey g = sized({{65536, 16}, {65536, 16}, {1, 1}}, true);
     g.enc[static_cast<size_t>(unpacked)].flags = KDZK_NUMERIC;
     EXPECT_EQ(g.call(5, 5, keys), unpacked == 2 ? KDZK_KEYS_TOO_MANY : KDZK_UNSUPPORTED);
-    EXPECT_EQ(g.scratch.allocs, 0);
+    EXPECT_EQ(g.scratch.allocs.size(), 0u);
   }
 }
 
@@ -224,7 +186,7 @@ TEST(GroupKeys, CountTheirSpace) {
 TEST(GroupKeys, StopWithoutKeys) {
   Random random("groupkeys without");
   GroupKey g({random_column(random, 3, 8, false, 25), random_column(random, 4, 16, true, 25)}, true);
-  std::vector<uint32_t> keys;
+  Codes keys;
   EXPECT_EQ(g.call(0, 10, keys), KDZK_OUTPUT_FULL);
   EXPECT_EQ(g.hits, 0u);
   EXPECT_EQ(g.call(10, 0, keys), KDZK_DONE);
@@ -235,7 +197,7 @@ TEST(GroupKeys, StopWithoutKeys) {
     EXPECT_EQ(g.hits, 0u);
     EXPECT_EQ(g.key_count, 128u);
   }
-  EXPECT_EQ(g.scratch.allocs, 5);
+  EXPECT_EQ(g.scratch.allocs.size(), 5u);
   GroupKey wide({random_column(random, 3, 1, false, 25), random_column(random, 32, 1000, false, 25)}, false);
   EXPECT_EQ(wide.call(25, 10, keys), KDZK_DONE);
   for (uint32_t r = 0; r < 25; r++) EXPECT_EQ(keys[r], wide.columns[1].codes[r]);
@@ -249,7 +211,7 @@ TEST(GroupKeys, TakeMoreThan32Columns) {
     for (int i = 0; i < 40; i++)
       columns.push_back(random_column(random, 5, i % 9 == 0 ? 4 : 1, i % 2 == 0 && (i < 32 || batch == 300), 300));
     GroupKey g(std::move(columns), true);
-    std::vector<uint32_t> keys, want;
+    Codes keys, want;
     EXPECT_EQ(g.call(300, batch, keys), KDZK_DONE);
     for (uint32_t r = 0; r < 300; r++) want.push_back(g.key(r));
     EXPECT_EQ(keys, want);

@@ -8,10 +8,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
 #include <memory>
 
+#include "tests/support/streams.h"
 #include "tests/support/value_columns.h"
 
 namespace kdzk_test {
@@ -48,127 +47,104 @@ uint8_t flags_of(char layout) {
   return static_cast<uint8_t>(layout == 'A' ? 0x09 : layout == 'B' ? 0x29 : layout == 'C' ? 0x0a : 0x0c);
 }
 
-// A row's record; bytes that aren't written are -1.
-using Record = std::vector<int>;
+constexpr uint8_t garbage = 0x5b;  // what buffers hold; in layout B, some of it stays in the records
 
 struct Row {
   uint64_t hash;
-  Record record;
+  Bytes record;
 };
 
 // The columns of a call, and what should become of each row.
 struct Input {
   Leaf leaf;
+  const bool again = leaf.key_form == KDZK_KEYED16 || leaf.key_form == records;  // records of an earlier pass
+  const bool hashes = !again && leaf.key_form != KDZK_NUMERIC;                   // whether the callback is called
   std::unique_ptr<ValueColumn> keys, source;
   kdzk_vec key_vec{}, row_vec{};
   kdzk_enc_ctx key_enc{}, row_enc{};
   uint16_t payload_size;
   std::vector<Row> rows;
   std::vector<uint64_t> key_positions, payload_positions;  // empty if the leaf has none
-  bool hashes;                                             // whether the callback is called
 
   Input(const Leaf& l, uint32_t n, Random& random) : leaf(l), rows(n) {
-    hashes = leaf.key_form != KDZK_NUMERIC && leaf.key_form != KDZK_KEYED16 && leaf.key_form != records;
     payload_size = static_cast<uint16_t>(random.below(3) == 0 ? random.below(300) : random.below(36));
     const uint64_t rowbase = random.bits();
     const auto ids = random_values(KDZK_NUMERIC, n, 0, random);
-    const auto payloads = make_source(n, ids, rowbase, random);
+    const auto payloads = again ? std::vector<Bytes>() : make_source(n, ids, rowbase, random);
     make_keys(n, random);
-    for (uint32_t i = 0; i < n; i++) {
-      const auto put = [&](const void* bytes, size_t size) {
-        const auto* const at = static_cast<const uint8_t*>(bytes);
-        rows[i].record.insert(rows[i].record.end(), at, at + size);
-      };
-      if (leaf.key_form == KDZK_KEYED16 || leaf.key_form == records) {
-        put(whole_records[i].data(), whole_records[i].size());
-        continue;
-      }
-      const uint64_t hash = rows[i].hash;
-      uint64_t id = rowbase + i;
-      if (leaf.source != KDZK_IMPLICIT_IDS) std::memcpy(&id, ids[i].data(), 8);
-      const auto length = static_cast<uint16_t>(leaf.layout == 'C' ? payloads[i].size() + 8 : 0);
-      if (leaf.layout == 'A') put(&id, 8);
-      if (leaf.layout == 'C') put(&length, 2);
-      put(&hash, 8);
+    for (uint32_t i = 0; i < n && !again; i++) {
+      Bytes id, &record = rows[i].record;
+      append(id, rowbase + i);
+      if (leaf.source != KDZK_IMPLICIT_IDS) id = ids[i];
+      if (leaf.layout == 'A') append(record, id);
+      if (leaf.layout == 'C') append(record, static_cast<uint16_t>(payloads[i].size() + 8));
+      append(record, rows[i].hash);
       if (leaf.layout == 'B') {
-        put(static_cast<const uint8_t*>(key_vec.data) + i * 4, 4);
-        rows[i].record.insert(rows[i].record.end(), 4, -1);
-        put(&id, 8);
+        append(record, get<uint32_t>(static_cast<const uint8_t*>(key_vec.data) + i * 4));
+        record.insert(record.end(), 4, garbage);
+        append(record, id);
       }
-      if (leaf.layout == 'C' || leaf.layout == 'D') put(payloads[i].data(), payloads[i].size());
+      if (leaf.layout == 'C' || leaf.layout == 'D') append(record, payloads[i]);
     }
+    key_vec.enc_ctx = &key_enc;
+    row_vec.enc_ctx = &row_enc;
   }
+  Input(const Input&) = delete;
 
  private:
-  std::vector<Bytes> whole_records;
-
   // The ids or payloads; returns what is copied of each payload.
   std::vector<Bytes> make_source(uint32_t n, const std::vector<Bytes>& ids, uint64_t rowbase, Random& random) {
-    if (leaf.key_form == KDZK_KEYED16 || leaf.key_form == records) return {};
+    const auto size = static_cast<uint32_t>(random.below(32));
+    std::vector<Bytes> payloads;
     if (leaf.layout == 'A' || leaf.layout == 'B') {
       source = std::make_unique<ValueColumn>(KDZK_NUMERIC, ids, random);
-      row_vec = source->vec;
-      if (leaf.source == KDZK_IMPLICIT_IDS) row_vec.data = nullptr;
-      row_vec.rowbase = rowbase;
       row_enc.flags = leaf.source | KDZK_NUMERIC;
-      return {};
-    }
-    const auto size = static_cast<uint32_t>(random.below(32));
-    std::vector<Bytes> payloads = random_values(leaf.source, n, size, random);
-    if (leaf.layout == 'C' && leaf.source != KDZK_FIXED_BYTES && n == 60) payloads[n / 3].assign(65527, 0x3d);
-    if (leaf.layout == 'D') {  // the size copied is another than the distance from one to the next
-      Bytes stream;
-      for (const Bytes& payload : payloads) stream.insert(stream.end(), payload.begin(), payload.end());
-      for (uint32_t i = 0; i < payload_size; i++) stream.push_back(static_cast<uint8_t>(random.bits()));
-      const std::vector<Bytes> as_one = {stream};
-      source = std::make_unique<ValueColumn>(KDZK_LEN_ARRAY, as_one, random);
-      row_enc = source->enc;
-      row_enc.width = static_cast<uint8_t>(size * 8);
-      for (uint32_t i = 0; i < n; i++) {
-        const auto first = stream.begin() + static_cast<long>(size) * i;
-        payloads[i].assign(first, first + payload_size);
-      }
-    } else {
+    } else if (leaf.layout == 'C') {
+      payloads = random_values(leaf.source, n, size, random);
+      if (leaf.source != KDZK_FIXED_BYTES && n == 60) payloads[n / 3].assign(65527, 0x3d);
       source = std::make_unique<ValueColumn>(leaf.source, payloads, random);
       row_enc = source->enc;
       if (leaf.source == KDZK_LEN_ARRAY || leaf.source == KDZK_LEN_PREFIXED) payload_positions = source->positions();
+      for (const uint32_t other : value_forms) row_enc.flags |= other > leaf.source && random.below(2) == 0 ? other : 0;
+    } else {  // the size copied is another than the distance from one to the next
+      const Bytes stream = random_bytes(size_t{n} * size + payload_size, random);
+      source = std::make_unique<ValueColumn>(KDZK_LEN_ARRAY, std::vector<Bytes>{stream}, random);
+      row_enc.flags = leaf.source;
+      row_enc.width = static_cast<uint8_t>(size * 8);
+      for (uint32_t i = 0; i < n; i++) {
+        const auto first = stream.begin() + static_cast<long>(size) * i;
+        payloads.push_back(Bytes(first, first + payload_size));
+      }
     }
     row_vec = source->vec;
-    row_enc.flags = leaf.source;
-    if (leaf.layout == 'C') {
-      for (const uint32_t other : value_forms) row_enc.flags |= other > leaf.source && random.below(2) == 0 ? other : 0;
-    }
+    row_vec.rowbase = rowbase;
+    if (leaf.source == KDZK_IMPLICIT_IDS) row_vec.data = nullptr;
     return payloads;
   }
 
   void make_keys(uint32_t n, Random& random) {
     std::vector<Bytes> values = random_values(leaf.key_form, n, static_cast<uint32_t>(random.below(32)), random);
-    for (uint32_t i = 0; i < n; i++) rows[i].hash = random.bits();
     uint32_t stored_as = leaf.key_form;
-    if (leaf.key_form == records) {
-      stored_as = KDZK_LEN_PREFIXED;
-      for (uint32_t i = 0; i < n; i++) {  // a hash, and a payload of any length
-        Bytes value;
-        append(value, rows[i].hash);
-        value.insert(value.end(), values[i].begin(), values[i].end());
-        if (i == n / 2 && n == 60) value.resize(65535, 0x4e);
-        values[i] = value;
-        append(whole_records.emplace_back(), static_cast<uint16_t>(value.size()));
-        whole_records[i].insert(whole_records[i].end(), value.begin(), value.end());
+    for (uint32_t i = 0; i < n; i++) {
+      Row& row = rows[i];
+      row.hash = hashes ? plain_hash(values[i].data(), static_cast<uint32_t>(values[i].size()), 0) : random.bits();
+      Bytes hash;
+      append(hash, row.hash);
+      if (leaf.key_form == KDZK_NUMERIC) values[i] = hash;
+      if (leaf.key_form == KDZK_KEYED16) {
+        stored_as = KDZK_NUMERIC;
+        append(row.record, random.bits());
+        append(row.record, hash);
+        values[i] = row.record;
       }
-    } else if (leaf.key_form == KDZK_KEYED16) {
-      stored_as = KDZK_NUMERIC;
-      values.clear();
-      for (uint32_t i = 0; i < n; i++) {
-        append(whole_records.emplace_back(), random.bits());
-        append(whole_records[i], rows[i].hash);
-        values.push_back(whole_records[i]);
+      if (leaf.key_form == records) {  // a hash, and a payload of any length
+        stored_as = KDZK_LEN_PREFIXED;
+        append(hash, values[i]);
+        if (i == n / 2 && n == 60) hash.resize(65535, 0x4e);
+        values[i] = hash;
+        append(row.record, static_cast<uint16_t>(hash.size()));
+        append(row.record, hash);
       }
-    } else if (leaf.key_form == KDZK_NUMERIC) {
-      for (uint32_t i = 0; i < n; i++) std::memcpy(values[i].data(), &rows[i].hash, 8);
-    } else {
-      for (uint32_t i = 0; i < n; i++)
-        rows[i].hash = plain_hash(values[i].data(), static_cast<uint32_t>(values[i].size()), 0);
     }
     keys = std::make_unique<ValueColumn>(stored_as, values, random);
     key_vec = keys->vec;
@@ -177,7 +153,6 @@ struct Input {
     if (stored_as == KDZK_LEN_ARRAY || stored_as == KDZK_LEN_PREFIXED) key_positions = keys->positions();
     // Flags that are looked for later have no influence. In layout A, KDZK_KEYED16 comes before KDZK_NUMERIC; in layout
     // C, KDZK_NUMERIC makes records of KDZK_LEN_PREFIXED.
-    const bool again = leaf.key_form == KDZK_KEYED16 || leaf.key_form == records;
     if (leaf.key_form == KDZK_NUMERIC || leaf.key_form == KDZK_HASH_U32) return;
     if (leaf.layout == 'C' && again) {
       key_enc.flags |= KDZK_FIXED_BYTES | KDZK_LEN_ARRAY;
@@ -196,9 +171,7 @@ uint64_t partition_of(uint64_t hash, const kdzk_partdesc& desc) {
 }
 
 // One call with this much room in each partition's buffer, compared with the model. Returns where the next one begins.
-uint32_t call_and_compare(Input& input, kdzk_partdesc desc, kdzk_exec& exec, const std::vector<uint64_t>& rooms,
-                          Random& random) {
-  const uint8_t garbage = static_cast<uint8_t>(random.bits());
+uint32_t call_and_compare(Input& input, kdzk_partdesc desc, kdzk_exec& exec, const std::vector<uint64_t>& rooms) {
   const auto n = static_cast<uint32_t>(input.rows.size());
   // The model.
   std::vector<Bytes> buffers(rooms.size());
@@ -213,11 +186,13 @@ uint32_t call_and_compare(Input& input, kdzk_partdesc desc, kdzk_exec& exec, con
     full = rooms[p] - buffers[p].size() < r.record.size();
     if (full) part = p;
     if (full) break;
-    for (const int byte : r.record) buffers[p].push_back(byte < 0 ? garbage : static_cast<uint8_t>(byte));
+    append(buffers[p], r.record);
   }
-  const uint64_t key_off = input.key_positions.empty() || first >= n ? exec.key_off : input.key_positions[row];
-  const uint64_t payload_off =
-      input.payload_positions.empty() || first >= n ? exec.payload_off : input.payload_positions[row];
+  kdzk_exec want = exec;
+  want.row = row;
+  want.part = static_cast<uint32_t>(part);
+  if (!input.key_positions.empty() && first < n) want.key_off = input.key_positions[row];
+  if (!input.payload_positions.empty() && first < n) want.payload_off = input.payload_positions[row];
   // The library.
   std::vector<uint8_t*> starts, cursors, limits;
   std::deque<GuardedBuffer> memory;
@@ -229,18 +204,12 @@ uint32_t call_and_compare(Input& input, kdzk_partdesc desc, kdzk_exec& exec, con
   cursors = starts;
   desc.cursors = cursors.data();
   desc.limits = limits.data();
-  input.key_vec.enc_ctx = &input.key_enc;
-  input.row_vec.enc_ctx = &input.row_enc;
-  const bool again = input.leaf.key_form == KDZK_KEYED16 || input.leaf.key_form == records;
   hash_calls = 0;
-  EXPECT_EQ(library().partition_rows(&desc, &input.key_vec, again ? nullptr : &input.row_vec,
+  EXPECT_EQ(library().partition_rows(&desc, &input.key_vec, input.again ? nullptr : &input.row_vec,
                                      input.hashes ? plain_hash : nullptr, &exec),
             full ? KDZK_PARTITION_FULL : KDZK_DONE);
   EXPECT_EQ(hash_calls, calls);
-  EXPECT_EQ(exec.row, row);
-  EXPECT_EQ(exec.part, part);
-  EXPECT_EQ(exec.key_off, key_off);
-  EXPECT_EQ(exec.payload_off, payload_off);
+  EXPECT_TRUE(same_bytes(exec, want)) << "row " << exec.row << ", not " << row;
   for (size_t p = 0; p < rooms.size(); p++) {
     EXPECT_EQ(cursors[p], starts[p] + buffers[p].size()) << p;
     buffers[p].resize(memory[p].size(), garbage);
@@ -255,28 +224,19 @@ std::string name_of_leaf(const testing::TestParamInfo<Leaf>& info) {
   return std::string(1, info.param.layout) + "_" + form_name(info.param.key_form) + "_" + form_name(info.param.source);
 }
 
-struct Field {
-  uint8_t hi, lo;
-};
-
 TEST_P(Partition, AgreesWithTheModelInEveryCall) {
   const Leaf leaf = GetParam();
   const std::string name = name_of_leaf({leaf, 0});
   Random random("partition" + name);
-  for (const Field field : {Field{63, 61}, Field{63, 63}, Field{2, 0}, Field{34, 31}, Field{47, 40}}) {
-    const size_t partitions = size_t{2} << (field.hi - field.lo);
+  for (const auto& [hi, lo] : {std::pair(63, 61), {63, 63}, {2, 0}, {34, 31}, {47, 40}}) {
+    const size_t partitions = size_t{2} << (hi - lo);
     for (const uint32_t n : {0u, 1u, 5u, 60u, 1024u, 1025u, 2500u}) {
-      const std::string what = name + ", bits " + std::to_string(field.lo) + " to " + std::to_string(field.hi) + ", " +
-                               std::to_string(n) + " rows, seed " + std::to_string(random.seed());
-      SCOPED_TRACE(what);
-      now_running("partition, " + what);
+      const Case now(Message() << name << ", bits " << lo << " to " << hi << ", " << n << " rows", random);
       Input input(leaf, n, random);
-      kdzk_partdesc desc{};
-      desc.leading = 0xffffffff;
-      desc.flags = flags_of(leaf.layout);
+      kdzk_partdesc desc{.leading = 0xffffffff, .flags = flags_of(leaf.layout)};
       if (leaf.key_form == records || leaf.layout < 'C') desc.flags |= static_cast<uint8_t>(0x10 * random.below(2));
-      desc.part_hi = field.hi;
-      desc.part_lo = field.lo;
+      desc.part_hi = static_cast<uint8_t>(hi);
+      desc.part_lo = static_cast<uint8_t>(lo);
       desc.payload_size = input.payload_size;
       uint64_t longest = 0;
       std::vector<uint64_t> total(partitions);  // bytes of each partition's records
@@ -287,8 +247,7 @@ TEST_P(Partition, AgreesWithTheModelInEveryCall) {
       enum { ample, no_limits, two_stops, tiny };
       for (const int room : {ample, no_limits, two_stops, tiny}) {
         if (room == tiny && n > 60 && (n != 2500 || partitions > 8)) continue;
-        kdzk_exec exec{};
-        exec.part = 4711;
+        kdzk_exec exec{.part = 4711};
         if (input.key_positions.empty()) exec.key_off = 0x1111;  // not looked at
         if (input.payload_positions.empty()) exec.payload_off = 0x2222;
         std::vector<uint64_t> rooms(partitions);
@@ -300,10 +259,10 @@ TEST_P(Partition, AgreesWithTheModelInEveryCall) {
                                                         : total[p];
           }
           if (stops > 0 && room == tiny) rooms[exec.part] = random.below(2) * random.below(300) + longest;
-          row = call_and_compare(input, desc, exec, rooms, random);
+          row = call_and_compare(input, desc, exec, rooms);
           if (HasFailure()) return;
         }
-        if (room == ample) call_and_compare(input, desc, exec, rooms, random);  // nothing is left to do
+        if (room == ample) call_and_compare(input, desc, exec, rooms);  // nothing is left to do
         if (HasFailure()) return;
       }
     }
@@ -320,9 +279,8 @@ TEST(PartitionForms, AreThoseOfTheMatrix) {
                                 KDZK_KEYED16,     KDZK_HASH_U32,  KDZK_KEYED24 | KDZK_PACKED_DICT};
   const uint32_t any_value = KDZK_FIXED_BYTES | KDZK_LEN_ARRAY | KDZK_LEN_PREFIXED | KDZK_PTR_LEN | KDZK_PAIR16;
   kdzk_enc_ctx key_enc{}, row_enc{};
-  kdzk_vec keys{}, rows{};
-  keys.enc_ctx = &key_enc;
-  rows.enc_ctx = &row_enc;
+  kdzk_vec keys{.enc_ctx = &key_enc};
+  kdzk_vec rows{.enc_ctx = &row_enc};
   kdzk_partdesc desc{};
   for (uint32_t flags = 0; flags < 256; flags++) {
     desc.flags = static_cast<uint8_t>(flags);
@@ -345,15 +303,14 @@ TEST(PartitionForms, AreThoseOfTheMatrix) {
         }
         key_enc.flags = k;
         row_enc.flags = r;
-        kdzk_exec exec{}, untouched{};
-        exec.part = untouched.part = 3;
-        exec.row = untouched.row = 5;
-        exec.key_off = untouched.key_off = 7;
-        exec.payload_off = untouched.payload_off = 9;
-        if (leaf) untouched.row = 0;
+        kdzk_exec exec{.part = 3, .row = 5};
+        exec.key_off = 7;
+        exec.payload_off = 9;
+        kdzk_exec want = exec;
+        if (leaf) want.row = 0;
         ASSERT_EQ(library().partition_rows(&desc, &keys, &rows, nullptr, &exec), leaf ? KDZK_DONE : KDZK_UNSUPPORTED)
             << std::hex << flags << " " << k << " " << r;
-        ASSERT_EQ(std::memcmp(&exec, &untouched, sizeof exec), 0);
+        ASSERT_TRUE(same_bytes(exec, want));
       }
     }
   }
@@ -365,27 +322,19 @@ TEST(PartitionForms, TakesPositionsOfFixedColumnsModulo32Bits) {
   const auto values = random_values(KDZK_FIXED_BYTES, 3, 16, random);
   ValueColumn column(KDZK_FIXED_BYTES, values, random);
   column.vec.nrows = (1u << 28) + 3;
-  GuardedBuffer out(3 * 24);
-  uint8_t *cursors[2] = {out.data(), out.data()}, *limits[2] = {nullptr, nullptr};
-  kdzk_partdesc desc{};
-  desc.flags = 0x0c;
-  desc.payload_size = 16;
-  desc.cursors = cursors;
-  desc.limits = limits;
-  kdzk_exec exec{};
-  exec.row = 1u << 28;
-  // Both partitions have the one buffer; the rows of each follow one another in it.
+  GuardedBuffer first(3 * 24), second(3 * 24);
+  uint8_t *cursors[2] = {first.data(), second.data()}, *limits[2] = {nullptr, nullptr};
+  kdzk_partdesc desc{.flags = 0x0c, .payload_size = 16, .cursors = cursors, .limits = limits};
+  kdzk_exec exec{.row = 1u << 28};
   std::vector<Bytes> want(2);
   for (const Bytes& value : values) {
     const uint64_t hash = plain_hash(value.data(), 16, 0);
     append(want[hash & 1], hash);
-    want[hash & 1].insert(want[hash & 1].end(), value.begin(), value.end());
+    append(want[hash & 1], value);
   }
-  GuardedBuffer second(3 * 24);
-  cursors[1] = second.data();
   EXPECT_EQ(library().partition_rows(&desc, &column.vec, &column.vec, plain_hash, &exec), KDZK_DONE);
   EXPECT_EQ(exec.row, column.vec.nrows);
-  EXPECT_EQ(Bytes(out.data(), cursors[0]), want[0]);
+  EXPECT_EQ(Bytes(first.data(), cursors[0]), want[0]);
   EXPECT_EQ(Bytes(second.data(), cursors[1]), want[1]);
 }
 

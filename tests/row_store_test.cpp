@@ -81,9 +81,7 @@ struct Store {
     }
     ref_pages = bases;
     ref_pages.push_back(bases.back());  // of empty values at the end of the last page
-    record.width = static_cast<uint16_t>(width);
-    record.pairs = pair_pages.data();
-    record.refs = word_pages.data();
+    record = {.width = static_cast<uint16_t>(width), .pairs = pair_pages.data(), .refs = word_pages.data()};
     record.offsets = offset_pages.data();
     record.bases = bases.data();
   }
@@ -97,8 +95,8 @@ struct ModelValue {
 class Gather : public testing::TestWithParam<Leaf> {
  protected:
   Random random{"gather"};
-  kdzk_enc_ctx in_enc{}, out_enc{};
-  kdzk_vec in{}, out{};
+  kdzk_enc_ctx in_enc{.ref_bits = ref_bits}, out_enc{.ref_bits = ref_bits};
+  kdzk_vec in{.enc_ctx = &in_enc}, out{.enc_ctx = &out_enc};
   kdzk_exec exec{};
   Leaf leaf = GetParam();
   const Store* store = nullptr;
@@ -110,10 +108,7 @@ class Gather : public testing::TestWithParam<Leaf> {
                    : leaf.input == pairs    ? KDZK_PAIR16
                                             : KDZK_REF_WORDS;
     in_enc.width = static_cast<uint8_t>(input_bytes[leaf.input] * 8 + 5);
-    in_enc.ref_bits = out_enc.ref_bits = ref_bits;
     out_enc.flags = leaf.out_form;
-    in.enc_ctx = &in_enc;
-    out.enc_ctx = &out_enc;
     exec.flags = leaf.input == word0 ? KDZK_EX_PAIR_WORD0 : static_cast<uint8_t>(~KDZK_EX_PAIR_WORD0);
   }
 
@@ -346,10 +341,7 @@ TEST(PairMatrix, HoldsThePairsOfEachColumn) {
         for (const uint32_t later : forms) col.enc.flags |= later > form ? later : 0;
         Written matrix(size_t{rows} * ncols * 16, random);
         uint8_t* cursors[] = {nullptr, matrix.real.data()};
-        kdzk_rowstore store{};
-        store.flags = 32 | static_cast<uint32_t>(random.bits());
-        store.ncols = ncols;
-        store.pair_cursors = cursors;
+        kdzk_rowstore store{.flags = uint32_t(random.bits() | 32), .ncols = ncols, .pair_cursors = cursors};
         EXPECT_EQ(library().fill_pairs(&store, &col.vec, column | 0xabcd0000, 1), KDZK_DONE);
         const auto* data = static_cast<const uint8_t*>(col.vec.data);
         for (size_t row = 0; row < rows; row++) {
@@ -390,7 +382,8 @@ class PackRows : public testing::TestWithParam<Packing> {
   std::deque<GuardedBuffer> values;
   Bytes pair_bytes;
   uint8_t *matrix[3] = {}, *data[2] = {}, *offsets[2] = {}, *pair_cursors[2] = {}, *limits[2] = {};
-  kdzk_rowstore target{}, source{};
+  kdzk_rowstore source{.ncols = layout.ncols, .pairs = matrix};
+  kdzk_rowstore target{.ncols = 4711, .pair_cursors = pair_cursors, .offset_cursors = offsets, .data_cursors = data};
   kdzk_exec exec{};
 
   void make_rows(uint32_t rows, const std::function<size_t()>& length) {
@@ -401,17 +394,11 @@ class PackRows : public testing::TestWithParam<Packing> {
       put(&pair_bytes[i * 16 + 8], value.data());
     }
     matrix[2] = pair_bytes.data();
-    source.pairs = matrix;
-    source.ncols = layout.ncols;
     // Single values in every way to ask for them.
     const uint32_t both = random.below(2) == 0 ? 2 : 0;
     target.flags = (layout.offsets ? 8 | (random.bits() & 32) : 32u) | (layout.whole_rows ? 2 : both);
     source.flags = static_cast<uint32_t>(random.bits()) & ~2u;
     if (!layout.whole_rows) source.flags |= both;
-    target.ncols = 4711;
-    target.data_cursors = data;
-    target.offset_cursors = offsets;
-    target.pair_cursors = pair_cursors;
     target.data_limits = limits;
   }
 
@@ -537,64 +524,45 @@ TEST(RowStore, GivesBackTheRowsItWasGiven) {
   Random random("row_store");
   const uint32_t forms[] = {KDZK_LEN_ARRAY, KDZK_FIXED_BYTES, KDZK_PTR_LEN}, nrows = 700;
   GuardedBuffer matrix(nrows * 3 * 16, 0);
-  uint8_t *first_pair = matrix.data(), *cursor = first_pair, *data, *offsets, *limit;
-  kdzk_rowstore source{}, target{};
-  source.flags = KDZK_STORE_PAIRS;
-  source.ncols = 3;
-  source.pairs = &first_pair;
-  source.pair_cursors = &cursor;
-  std::vector<Bytes> values[3];
-  std::deque<ValueColumn> columns;
-  for (uint32_t c = 0; c < 3; c++) {
-    columns.emplace_back(forms[c], values[c] = random_values(forms[c], nrows, 3, random), random);
-    EXPECT_EQ(library().fill_pairs(&source, &columns[c].vec, c, 0), KDZK_DONE);
-  }
-  target.flags = KDZK_STORE_OFFSETS;
+  uint8_t *pairs = matrix.data(), *data, *offsets, *limit;
+  kdzk_rowstore source{.flags = KDZK_STORE_PAIRS, .ncols = 3, .pairs = &pairs, .pair_cursors = &pairs};
+  kdzk_rowstore target{.flags = KDZK_STORE_OFFSETS, .page_hi = 31, .page_lo = 16};
+  target.offset_cursors = &offsets;
   target.data_cursors = &data;
   target.data_limits = &limit;
-  target.offset_cursors = &offsets;
+  Bytes want[3];  // back to back, behind their lengths
+  std::deque<ValueColumn> columns;
+  for (uint32_t c = 0; c < 3; c++) {
+    const auto values = random_values(forms[c], nrows, 3, random);
+    for (const Bytes& value : values) append(want[c], static_cast<uint16_t>(value.size())), append(want[c], value);
+    EXPECT_EQ(library().fill_pairs(&source, &columns.emplace_back(forms[c], values, random).vec, c, 0), KDZK_DONE);
+  }
   std::deque<GuardedBuffer> memory;
   std::vector<uint8_t*> offset_pages;
-  std::vector<uint64_t> bases, locators;  // of rows: page, and entry of the first value
+  std::vector<uint64_t> bases, found;  // as a probe leaves them: a row, and the locator of its first value
   kdzk_exec exec{};
   for (uint64_t code = KDZK_PAGE_FULL; code == KDZK_PAGE_FULL;) {
-    const size_t size = 500 + random.below(3000);
-    data = memory.emplace_back(size, 0).data();
-    limit = data + size;
+    data = memory.emplace_back(500 + random.below(3000), 0).data();
+    limit = data + memory.back().size();
     bases.push_back(reinterpret_cast<uint64_t>(data));
     offset_pages.push_back(offsets = memory.emplace_back((nrows * 3 + 1) * 4, 0, 0).data());
     if (exec.row > 0) offsets += 4;  // a first entry of 0
     code = library().pack_rows(&target, &source, 0, 0, exec.row, nrows - 1, &exec);
-    for (uint64_t entry = 0; locators.size() < (code == KDZK_DONE ? nrows : exec.row); entry += 3)
-      locators.push_back((bases.size() - 1) << 16 | entry);
+    for (uint64_t entry = 0; found.size() < 2 * (code == KDZK_DONE ? nrows : exec.row); entry += 3)
+      found.insert(found.end(), {0, (bases.size() - 1) << 16 | entry});
   }
   EXPECT_GT(bases.size(), 3u);
-  target.page_hi = 31;
-  target.page_lo = 16;
   target.offsets = offset_pages.data();
   target.bases = bases.data();
-  for (uint32_t c = 0; c < 3; c++) {
-    std::vector<uint64_t> pairs;  // as a probe leaves them
-    for (const uint64_t locator : locators) pairs.push_back(0), pairs.push_back(locator + c);
-    kdzk_enc_ctx in_enc{}, out_enc{};
-    in_enc.flags = KDZK_PROBE_PAIRS;
-    out_enc.flags = KDZK_LEN_PREFIXED;
-    kdzk_vec in{}, out{};
-    in.enc_ctx = &in_enc;
-    in.data = pairs.data();
-    in.nrows = nrows;
-    out.enc_ctx = &out_enc;
-    out.out_size = 100000;
-    GuardedBuffer got(out.out_size, 0);
-    out.data = got.data();
-    kdzk_exec fresh{};
-    EXPECT_EQ(library().ht_gather(&out, &in, &target, &fresh), KDZK_DONE);
-    Bytes want;
-    for (const Bytes& value : values[c]) {
-      append(want, static_cast<uint16_t>(value.size()));
-      want.insert(want.end(), value.begin(), value.end());
-    }
-    EXPECT_EQ(Bytes(got.data(), got.data() + want.size()), want);
+  for (const Bytes& values : want) {
+    GuardedBuffer got(values.size(), 0);
+    kdzk_enc_ctx in_enc{.flags = KDZK_PROBE_PAIRS}, out_enc{.flags = KDZK_LEN_PREFIXED};
+    const kdzk_vec in{.data = found.data(), .enc_ctx = &in_enc, .nrows = nrows};
+    kdzk_vec out{.data = got.data(), .enc_ctx = &out_enc, .out_size = got.size()};
+    exec = {};
+    EXPECT_EQ(library().ht_gather(&out, &in, &target, &exec), KDZK_DONE);
+    EXPECT_EQ(Bytes(got.data(), got.data() + got.size()), values);
+    for (size_t i = 1; i < found.size(); i += 2) found[i]++;
   }
 }
 

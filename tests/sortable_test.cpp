@@ -6,10 +6,9 @@
 #include <gtest/gtest.h>
 #include <kdzk/host/sortable.h>
 
-#include <algorithm>
-
 #include "tests/support/format_docs.h"
 #include "tests/support/numbers.h"
+#include "tests/support/streams.h"
 
 namespace kdzk_test {
 
@@ -27,27 +26,23 @@ extern "C" void replaced_handler(const char* assertion, const char* file, unsign
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 // A column, accumulators or an output behind it, and group ids.
 struct Call {
-  kdzk_enc_ctx enc{};
-  kdzk_vec input{}, result{}, groups{};
-  kdzk_exec exec{};
-  GuardedBuffer column, out, ids;
+  GuardedBuffer column;
   size_t slack;
+  GuardedBuffer out, ids;
+  kdzk_enc_ctx enc;
+  kdzk_vec input, result{.data = out.data(), .hits = 4711}, groups{.data = ids.data()};
+  kdzk_exec exec{};
 
   Call(uint8_t float_kind, const Bytes& stored, uint32_t nrows, const Bytes& out_before, Random& random,
-       const std::vector<uint32_t>& group_ids = {})
-      : column(stored, any_slack(random)), out(out_before, slack = any_slack(random)), ids(native_bytes(group_ids), 0) {
-    enc.float_kind = float_kind;
-    input.data = column.data();
-    input.enc_ctx = &enc;
-    input.nrows = nrows;
-    result.data = out.data();
-    result.hits = 4711;
-    groups.data = ids.data();
-  }
+       const Codes& group_ids = {})
+      : column(stored, any_slack(random)),
+        slack(any_slack(random)),
+        out(out_before, slack),
+        ids(bytes_of(group_ids), 0),
+        enc{.float_kind = float_kind},
+        input{.data = column.data(), .enc_ctx = &enc, .nrows = nrows} {}
   uint64_t decode(const kdzk_exec* with) { return library().decode_sortable(&result, &input, with); }
   uint64_t sum(bool by_group) { return library().sum_sortable(&result, &input, by_group ? &groups : nullptr, &input); }
   Bytes output() {
@@ -83,7 +78,7 @@ void expect_same(const Bytes& got, const std::vector<T>& want) {
   ASSERT_EQ(got.size(), want.size() * sizeof(T));
   for (size_t i = 0; i < want.size(); i++) {
     T number;
-    std::memcpy(&number, got.data() + i * sizeof number, sizeof number);
+    std::memcpy(&number, &got[i * sizeof number], sizeof number);
     ASSERT_TRUE(same_number(number, want[i])) << i << ": " << number << ", not " << want[i];
   }
 }
@@ -92,6 +87,12 @@ std::vector<uint32_t> row_counts() {
   std::vector<uint32_t> counts = {100, 1000, 1003};
   for (uint32_t n = 0; n <= 35; n++) counts.push_back(n);
   return counts;
+}
+
+Codes random_groups(size_t n, Random& random) {
+  Codes groups(n);
+  for (uint32_t& group : groups) group = static_cast<uint32_t>(random.below(5));
+  return groups;
 }
 
 template <class T>
@@ -106,8 +107,7 @@ TYPED_TEST(SortableColumns, AreDecodedAndSummedToTheBit) {
   for (const uint32_t n : row_counts()) {
     for (const Numbers numbers_of : kinds_of_numbers) {
       for (const unsigned mode : float_modes) {
-        SCOPED_TRACE(std::to_string(n) + " rows, numbers " + std::to_string(static_cast<int>(numbers_of)) + ", mode " +
-                     std::to_string(mode) + ", seed " + std::to_string(random.seed()));
+        const Case now(Message() << n << " rows, numbers " << int(numbers_of) << ", mode " << mode, random);
         const auto rows = numbers<T>(numbers_of, n, random);
         const Bytes stored = sortable_bytes(rows);
         // Any kind with the bit, below others.
@@ -115,18 +115,17 @@ TYPED_TEST(SortableColumns, AreDecodedAndSummedToTheBit) {
         Call decoding(loose_kind, stored, n, Bytes(n * sizeof(T), 0x5a), random);
         decoding.exec.flags = static_cast<uint8_t>(random.bits() & ~uint64_t{KDZK_EX_SUM});
         EXPECT_EQ(decoding.decode(random.below(2) == 0 ? nullptr : &decoding.exec), KDZK_DONE);
-        ASSERT_EQ(decoding.output(), native_bytes(rows));
+        ASSERT_EQ(decoding.output(), bytes_of(rows));
 
         const auto before = numbers<T>(numbers_of, 1, random);
-        Call adding(loose_kind, stored, n, native_bytes(before), random);
+        Call adding(loose_kind, stored, n, bytes_of(before), random);
         adding.exec.flags = static_cast<uint8_t>(random.bits() | KDZK_EX_SUM);
         adding.enc.flags = random.below(2) == 0 ? KDZK_SUM_ONLY : 0;
         // Accumulators of 5 groups, or of none and rows that are native.
         const bool by_group = random.below(2) == 0, native = random.below(2) == 0;
-        std::vector<uint32_t> groups(by_group ? n : 0);
-        for (uint32_t& group : groups) group = static_cast<uint32_t>(random.below(5));
+        const Codes groups = random_groups(by_group ? n : 0, random);
         auto accumulators = numbers<T>(numbers_of, by_group ? 5 : 1, random);
-        Call grouping(kind, native ? native_bytes(rows) : stored, n, native_bytes(accumulators), random, groups);
+        Call grouping(kind, native ? bytes_of(rows) : stored, n, bytes_of(accumulators), random, groups);
         grouping.enc.flags = (static_cast<uint32_t>(random.bits()) & ~KDZK_SUM_ONLY) | (native ? KDZK_SUM_ONLY : 0);
 
         const FloatMode with(mode);
@@ -152,7 +151,7 @@ TEST_P(IntegerColumns, AreSummed) {
   counts.push_back(70000);
   for (const uint32_t n : counts) {
     for (const int fill : {-1, 0, 0x7f, 0x80, 0xff}) {
-      SCOPED_TRACE(std::to_string(width) + " bits, " + std::to_string(n) + " rows, fill " + std::to_string(fill));
+      const Case now(Message() << width << " bits, " << n << " rows, fill " << fill, random);
       std::vector<int64_t> rows(n);
       Bytes stored;
       for (int64_t& row : rows) {
@@ -165,26 +164,23 @@ TEST_P(IntegerColumns, AreSummed) {
         row = bytes == 0 ? 0 : static_cast<int64_t>(number << (64 - 8 * bytes)) >> (64 - 8 * bytes);
       }
       if (!known) stored.clear();  // and not read
-      std::vector<uint32_t> groups(n);
-      for (uint32_t& group : groups) group = static_cast<uint32_t>(random.below(5));
+      const Codes groups = random_groups(n, random);
       std::vector<uint64_t> sum = {random.bits()}, sums = {1, 2, 3, 4, random.bits()};
-      Call decoding(static_cast<uint8_t>(8 | (random.bits() & 0xf4)), stored, n, native_bytes(sum), random);
-      Call adding(8, stored, n, native_bytes(sum), random), grouping(8, stored, n, native_bytes(sums), random, groups);
+      Call decoding(static_cast<uint8_t>(8 | (random.bits() & 0xf4)), stored, n, bytes_of(sum), random);
+      Call adding(8, stored, n, bytes_of(sum), random), grouping(8, stored, n, bytes_of(sums), random, groups);
       decoding.exec.flags = KDZK_EX_SUM;
+      for (Call* call : {&decoding, &adding, &grouping}) {
+        call->enc.width = static_cast<uint8_t>(width);
+        call->enc.flags = random.below(2) == 0 ? KDZK_SUM_ONLY : 0;
+        EXPECT_EQ(call == &decoding ? call->decode(&call->exec) : call->sum(call == &grouping), KDZK_DONE);
+      }
       for (size_t row = 0; known && row < n; row++) {
         sum[0] += static_cast<uint64_t>(rows[row]);
         sums[groups[row]] += static_cast<uint64_t>(rows[row]);
       }
-      for (Call* call : {&decoding, &adding, &grouping}) {
-        call->enc.width = static_cast<uint8_t>(width);
-        call->enc.flags = random.below(2) == 0 ? KDZK_SUM_ONLY : 0;
-      }
-      EXPECT_EQ(decoding.decode(&decoding.exec), KDZK_DONE);
-      EXPECT_EQ(adding.sum(false), KDZK_DONE);
-      EXPECT_EQ(grouping.sum(true), KDZK_DONE);
-      ASSERT_EQ(decoding.output(), native_bytes(sum));
-      ASSERT_EQ(adding.output(), native_bytes(sum));
-      ASSERT_EQ(grouping.output(), native_bytes(sums));
+      ASSERT_EQ(decoding.output(), bytes_of(sum));
+      ASSERT_EQ(adding.output(), bytes_of(sum));
+      ASSERT_EQ(grouping.output(), bytes_of(sums));
       if (bytes == 0) continue;
 
       // The host kit writes and reads the same form, at all widths.
@@ -204,7 +200,7 @@ INSTANTIATE_TEST_SUITE_P(Widths, IntegerColumns, testing::Values(0, 8, 16, 24, 3
 
 TEST(Sortable, RefusesWhatItDoesNotKnow) {
   Random random("refusals");
-  const Bytes before = native_bytes(std::vector{1.0, 2.0});
+  const Bytes before = bytes_of(std::vector{1.0, 2.0});
   for (int kind = 0; kind < 256; kind++) {
     for (const uint32_t flags : {0u, KDZK_SUM_ONLY}) {
       for (int with = 0; with < 3; with++) {  // no exec, an exec without the request, one with it
@@ -258,7 +254,7 @@ TYPED_TEST(SortableColumns, AreWrittenAndSortAsTheirValues) {
     if constexpr (sizeof(T) == 4) kdzk_host_read_sortable_floats(column.data(), 100, 200, read.data());
     if constexpr (sizeof(T) == 8) kdzk_host_read_sortable_doubles(column.data(), 100, 200, read.data());
     EXPECT_EQ(Bytes(column.data(), column.data() + column.size()), sortable_bytes(rows));
-    EXPECT_EQ(native_bytes(read), native_bytes(std::vector<T>(rows.begin() + 100, rows.end())));
+    EXPECT_EQ(bytes_of(read), bytes_of(std::vector<T>(rows.begin() + 100, rows.end())));
     for (size_t i = 1; i < 300; i++) {
       if (std::isnan(rows[i - 1]) || std::isnan(rows[i]) || rows[i - 1] == rows[i]) continue;
       const int order = std::memcmp(column.data() + (i - 1) * sizeof(T), column.data() + i * sizeof(T), sizeof(T));
@@ -280,7 +276,7 @@ TEST(SortableFormat, IsAsDescribed) {
   Random random("documented");
   Call call(1, documented.at("floats"), 8, Bytes(32), random);
   EXPECT_EQ(call.decode(nullptr), KDZK_DONE);
-  EXPECT_EQ(call.output(), native_bytes(floats));
+  EXPECT_EQ(call.output(), bytes_of(floats));
 }
 
 }  // namespace

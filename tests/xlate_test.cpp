@@ -4,53 +4,47 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 #include <optional>
 
-#include "tests/support/host.h"
+#include "tests/support/streams.h"
 
 namespace kdzk_test {
 namespace {
-
-constexpr uint32_t no_row = 4294967295;
 
 struct Kernel {
   std::string index, form;
   bool c2d;
 
-  int bits() const { return form == "bit" ? 1 : form == "nib" ? 4 : form == "ub1" ? 8 : form == "ub2" ? 16 : 32; }
-  uint32_t none() const { return static_cast<uint32_t>((uint64_t{1} << bits()) - 1); }
+  uint32_t row() const { return form == "bit" ? 0 : form == "nib" ? 1 : form == "ub1" ? 2 : form == "ub2" ? 3 : 4; }
+  uint32_t bits() const { return row() == 0 ? 1 : 2u << row(); }
+  uint32_t none() const { return ~0u >> (32 - bits()); }
   std::string name() const { return "kdzk_xlate_" + index + "_" + form + (c2d ? "_c2d" : ""); }
   uint32_t id() const {
-    const uint32_t row = form == "bit" ? 0 : form == "nib" ? 1 : form == "ub1" ? 2 : form == "ub2" ? 3 : 4;
-    return (row + (c2d ? 32 : 0)) * 128 + (index == "sim" ? 17 : index == "off" ? 49 : index == "ind" ? 81 : 113);
+    return (row() + (c2d ? 32 : 0)) * 128 + (index == "sim" ? 17 : index == "off" ? 49 : index == "ind" ? 81 : 113);
   }
-  size_t bytes_of(uint64_t elements) const { return (elements * static_cast<uint64_t>(bits()) + 7) / 8; }
+  size_t bytes_of(uint64_t elements) const { return (elements * bits() + 7) / 8; }
   uint32_t get(const uint8_t* at, uint64_t i) const {
     if (bits() == 1) return at[i / 8] >> i % 8 & 1;
     if (bits() == 4) return i % 2 == 0 ? at[i / 2] & 15 : at[i / 2] >> 4;
     uint32_t value = 0;
-    std::memcpy(&value, at + bytes_of(i), static_cast<size_t>(bits()) / 8);
+    std::memcpy(&value, at + bytes_of(i), bits() / 8);
     return value;
   }
   void put(uint8_t* at, uint64_t i, uint32_t value) const {
     if (bits() == 1) at[i / 8] = static_cast<uint8_t>((at[i / 8] & ~(1 << i % 8)) | value << i % 8);
     if (bits() == 4)
       at[i / 2] = static_cast<uint8_t>(i % 2 == 0 ? (at[i / 2] & 0xf0) | value : (at[i / 2] & 15) | value << 4);
-    if (bits() >= 8) std::memcpy(at + bytes_of(i), &value, static_cast<size_t>(bits()) / 8);
+    if (bits() >= 8) std::memcpy(at + bytes_of(i), &value, bits() / 8);
   }
 };
 
 std::vector<Kernel> kernels() {
   std::vector<Kernel> all;
-  for (const char* index : {"sim", "off", "ind"}) {
-    for (const char* form : {"bit", "nib", "ub1", "ub2", "ub4"}) {
-      for (const bool c2d : {false, true}) {
+  for (const char* index : {"sim", "off", "ind"})
+    for (const char* form : {"bit", "nib", "ub1", "ub2", "ub4"})
+      for (const bool c2d : {false, true})
         if (!c2d || std::string(form) != "bit") all.push_back({index, form, c2d});
-      }
-    }
-  }
   return all;
 }
 
@@ -70,7 +64,7 @@ struct Table {
     const bool paged = k.index == "ind";
     if (k.index == "off") base = static_cast<uint32_t>(random.bits()) | 1;
     if (!paged) page = n;
-    std::vector<uint8_t> addresses;
+    std::vector<uint8_t*> addresses;
     for (uint32_t first = 0; first < n; first += page) {
       const uint32_t here = std::min(page, n - first);
       pages.push_back(nullptr);
@@ -83,11 +77,9 @@ struct Table {
           k.put(pages.back()->data(), i, none ? k.none() : other);
         }
       }
-      const uint64_t address = pages.back() ? reinterpret_cast<uint64_t>(pages.back()->data()) : 0;
-      addresses.resize(addresses.size() + 8);
-      std::memcpy(addresses.data() + addresses.size() - 8, &address, 8);
+      addresses.push_back(pages.back() ? pages.back()->data() : nullptr);
     }
-    directory = std::make_unique<GuardedBuffer>(addresses, 0u);
+    directory = std::make_unique<GuardedBuffer>(kdzk_test::bytes_of(addresses), 0u);
     enc.xlate_base = base;
     while (1u << enc.page_shift < page) enc.page_shift++;
     enc.page_mask = page - 1;
@@ -109,28 +101,26 @@ class Xlate : public testing::TestWithParam<Kernel> {
   // One call, and all that it wrote, beside rows evaluated one by one.
   void expect_rows(const Table& table, uint32_t start, uint32_t nrows, bool garbage, std::optional<unsigned> selected) {
     const Kernel& k = GetParam();
-    SCOPED_TRACE(k.name() + ", rows " + std::to_string(start) + " to " + std::to_string(nrows) + ", selecting " +
-                 (selected ? std::to_string(*selected) + " %" : "all") + ", seed " + std::to_string(random.seed()));
-    now_running(k.name() + ", rows " + std::to_string(start) + " to " + std::to_string(nrows));
-    std::vector<uint32_t> entries(nrows);
-    std::vector<uint8_t> stored;
+    const Case now(Message() << k.name() << ", rows " << start << " to " << nrows << ", selecting "
+                             << (selected ? int(*selected) : -1) << " %",
+                   random);
+    Codes entries(nrows), stored;
     for (uint32_t& entry : entries) {
       entry = static_cast<uint32_t>(random.below(table.entries));
-      for (int shift = 24; shift >= 0; shift -= 8)
-        stored.push_back(static_cast<uint8_t>((entry + table.base) >> shift));
+      stored.push_back(entry + table.base);
     }
-    const GuardedBuffer codes(stored, 0);  // no byte behind the last code is needed
+    GuardedBuffer codes(big_endian(stored), 0);  // no byte behind the last code is needed
     GuardedBits bits(nrows, garbage ? random.bits() : 0);
-    GuardedBuffer map(k.c2d ? k.bytes_of(nrows) : 0), range(sizeof(kdzk_hit_range));
-    for (size_t i = 0; i < map.size(); i++) map.data()[i] = static_cast<uint8_t>(random.bits());
+    kdzk_hit_range range;
+    GuardedBuffer map(random_bytes(k.c2d ? k.bytes_of(nrows) : 0, random), 0);
     const auto rows = selected ? random.rows(nrows, *selected) : std::vector<bool>(nrows, true);
     GuardedBits selection(rows, random.bits());
 
-    std::vector<uint8_t> want_map(map.data(), map.data() + map.size());
-    std::vector<uint64_t> want_bits;
-    for (size_t i = 0; i < (nrows + 63) / 64; i++) want_bits.push_back(bits.word(i));
+    Bytes want_map(map.data(), map.data() + map.size());
+    std::vector<bool> want_bits = bits.rows();
+    const uint64_t behind = nrows % 64 == 0 ? 0 : bits.word(nrows / 64);
     uint32_t want_hits = 0;
-    kdzk_hit_range want_range = {no_row, no_row};
+    kdzk_hit_range want_range = {~0u, ~0u};
     const uint32_t head_end = std::min((start + 7) / 8 * 8, nrows),
                    blocks_end = head_end + (nrows - head_end) / 16 * 16;
     for (uint32_t row = start; row < nrows; row++) {
@@ -140,11 +130,9 @@ class Xlate : public testing::TestWithParam<Kernel> {
       if (value == k.none()) continue;
       if (!selected && row >= head_end && row < blocks_end) {  // the first hit of a block replaces what was there
         const uint32_t block = head_end + (row - head_end) / 16 * 16;
-        if (want_range.last == no_row || want_range.last < block) {
-          for (uint32_t r = block; r < block + 16; r++) want_bits[r / 64] &= ~(uint64_t{1} << r % 64);
-        }
+        if (want_range.last == ~0u || want_range.last < block) std::fill_n(want_bits.begin() + block, 16, false);
       }
-      want_bits[row / 64] |= uint64_t{1} << row % 64;
+      want_bits[row] = true;
       want_hits++;
       want_range.first = std::min(want_range.first, row);
       want_range.last = row;
@@ -153,33 +141,23 @@ class Xlate : public testing::TestWithParam<Kernel> {
     kdzk_enc_ctx enc{};
     enc.flags = KDZK_NUMERIC | KDZK_BLOCKED;  // the second isn't looked at
     enc.width = 32;
-    kdzk_vec input{}, result{};
-    input.data = const_cast<uint8_t*>(codes.data());
-    input.enc_ctx = &enc;
-    input.nrows = nrows;
-    result.data = range.data();
-    result.bitvec = bits.words();
-    result.hits = 4711;
-    kdzk_exec exec{};
-    exec.start_row = start;
-    exec.xlate_info = k.index == "off" ? &table.enc : nullptr;
-    exec.xlate_map = k.c2d ? map.data() : nullptr;
-    exec.selection = selected ? selection.words() : nullptr;
+    kdzk_vec input{.data = codes.data(), .enc_ctx = &enc, .nrows = nrows};
+    kdzk_vec result{.data = &range, .bitvec = bits.words(), .hits = 4711};
+    kdzk_exec exec{.selection = selected ? selection.words() : nullptr,
+                   .start_row = start,
+                   .xlate_info = k.index == "off" ? &table.enc : nullptr,
+                   .xlate_map = k.c2d ? map.data() : nullptr};
     exec.flags = selected ? 0 : KDZK_EX_SELECTIVE;  // plays no part
     exec.out_flags2 = 0x40;
-    const kdzk_exec before = exec;
+    kdzk_exec want_exec = exec;
+    want_exec.out_flags2 |= selected ? 1 : 0;
     EXPECT_EQ(library().dispatch[k.id()].xlate(&result, &input, &table.vec, &exec),
               want_hits > 0 ? KDZK_DONE : KDZK_NO_ROW);
     EXPECT_EQ(result.hits, want_hits);
-    kdzk_hit_range got;
-    std::memcpy(&got, range.data(), sizeof got);
-    EXPECT_EQ(got.first, want_range.first);
-    EXPECT_EQ(got.last, want_range.last);
-    for (size_t i = 0; i < want_bits.size(); i++) ASSERT_EQ(bits.word(i), want_bits[i]) << "word " << i;
-    for (size_t i = 0; i < want_map.size(); i++) ASSERT_EQ(map.data()[i], want_map[i]) << "byte " << i << " of the map";
-    EXPECT_EQ(exec.out_flags2, selected ? 0x41 : 0x40);
-    exec.out_flags2 = before.out_flags2;
-    EXPECT_EQ(std::memcmp(&before, &exec, sizeof exec), 0);
+    EXPECT_TRUE(same_bytes(range, want_range)) << range.first << " to " << range.last;
+    expect_bits(bits, want_bits, behind);
+    EXPECT_EQ(Bytes(map.data(), map.data() + map.size()), want_map);
+    EXPECT_TRUE(same_bytes(exec, want_exec));
   }
 };
 
@@ -213,24 +191,22 @@ TEST_P(Xlate, TakesPagesOfAnySize) {
 
 TEST_P(Xlate, RefusesOtherFormsUntouched) {
   const Table table(GetParam(), 8, 0, 0, 8, random);
-  for (const bool numeric : {true, false}) {
-    for (const int width : {0, 8, 16, 31, 33, 64}) {
-      for (const bool selective : {false, true}) {
-        kdzk_enc_ctx enc{};
-        enc.flags = numeric ? KDZK_NUMERIC : KDZK_PACKED_DICT;
-        enc.width = static_cast<uint8_t>(numeric ? width : 32);
-        uint64_t word = 1;
-        kdzk_vec input{}, result{};
-        input.enc_ctx = &enc;
-        input.nrows = 40;
-        result.hits = 4711;
-        kdzk_exec exec{};
-        exec.xlate_info = &table.enc;
-        exec.selection = selective ? &word : nullptr;
-        EXPECT_EQ(library().dispatch[GetParam().id()].xlate(&result, &input, &table.vec, &exec), KDZK_UNSUPPORTED);
-        EXPECT_EQ(result.hits, 4711u);
-        EXPECT_EQ(exec.out_flags2, 0);
-      }
+  for (const auto& [flags, width] : {std::pair(KDZK_PACKED_DICT, 32),
+                                     {KDZK_NUMERIC, 0},
+                                     {KDZK_NUMERIC, 8},
+                                     {KDZK_NUMERIC, 16},
+                                     {KDZK_NUMERIC, 31},
+                                     {KDZK_NUMERIC, 33},
+                                     {KDZK_NUMERIC, 64}}) {
+    const uint64_t word = 1;
+    for (const uint64_t* const selection : {&word, static_cast<const uint64_t*>(nullptr)}) {
+      kdzk_enc_ctx enc{.flags = flags, .width = static_cast<uint8_t>(width)};
+      kdzk_vec input{.enc_ctx = &enc, .nrows = 40};
+      kdzk_vec result{.hits = 4711};
+      kdzk_exec exec{.selection = selection, .xlate_info = &table.enc};
+      EXPECT_EQ(library().dispatch[GetParam().id()].xlate(&result, &input, &table.vec, &exec), KDZK_UNSUPPORTED);
+      EXPECT_EQ(result.hits, 4711u);
+      EXPECT_EQ(exec.out_flags2, 0);
     }
   }
 }
@@ -246,28 +222,21 @@ TEST(XlateGroupkey, AddsElementsTimesTheStride) {
     const Table table(flat, 501, 20, 0, 501, random);
     for (uint32_t nrows = 0; nrows < 70; nrows++) {
       for (const uint32_t stride : {0u, 1u, 77777u, 0xfffffff1u}) {
-        now_running(k.name() + ", " + std::to_string(nrows) + " rows");
-        GuardedBuffer codes(nrows * 4), keys(nrows * 4);
-        std::vector<uint32_t> want(nrows), got(nrows);
+        const Case now(Message() << k.name() << ", " << nrows << " rows, stride " << stride, random);
+        Codes rows(nrows), keys_before(nrows), want(nrows);
         for (uint32_t r = 0; r < nrows; r++) {
-          const auto code = static_cast<uint32_t>(random.below(501)), key = static_cast<uint32_t>(random.bits());
-          std::memcpy(codes.data() + r * 4, &code, 4);
-          std::memcpy(keys.data() + r * 4, &key, 4);
-          want[r] = key + table.element(code) * stride;
+          rows[r] = static_cast<uint32_t>(random.below(501));
+          keys_before[r] = static_cast<uint32_t>(random.bits());
+          want[r] = keys_before[r] + table.element(rows[r]) * stride;
         }
-        kdzk_vec input{}, result{};
-        input.data = codes.data();
-        input.nrows = nrows;
-        result.data = keys.data();
-        result.hits = 4711;
-        kdzk_exec exec{};
-        exec.xlate_map = table.pages[0]->data();
-        exec.group_stride = stride;
+        GuardedBuffer codes(bytes_of(rows)), keys(bytes_of(keys_before));
+        kdzk_vec input{.data = codes.data(), .nrows = nrows};
+        kdzk_vec result{.data = keys.data(), .hits = 4711};
+        kdzk_exec exec{.xlate_map = table.pages[0]->data(), .group_stride = stride};
         exec.start_row = 3;  // isn't looked at
         EXPECT_EQ(library().dispatch[k.id()].xlate(&result, &input, nullptr, &exec),
                   nrows > 0 ? KDZK_DONE : KDZK_NO_ROW);
-        if (nrows > 0) std::memcpy(got.data(), keys.data(), nrows * 4);
-        ASSERT_EQ(got, want) << k.name() << ", " << nrows << " rows";
+        ASSERT_EQ(Bytes(keys.data(), keys.data() + keys.size()), bytes_of(want));
         EXPECT_EQ(result.hits, 4711u);
       }
     }

@@ -133,7 +133,7 @@ void* SqzbHost::tmp_alloc(void* hctx, uint64_t size, const char* comment, uint32
 void SqzbHost::tmp_free(void* hctx, void* scratch, void* out) {
   SqzbHost& host = *static_cast<SqzbHost*>(hctx);
   host.frees.push_back({scratch, out});
-  for (size_t i = 0; i < host.allocs.size(); i++) {
+  for (size_t i = host.allocs.size(); i-- > 0;) {
     Alloc& alloc = host.allocs[i];
     if (alloc.scratch != scratch || alloc.freed) continue;
     alloc.freed = true;
@@ -141,6 +141,7 @@ void SqzbHost::tmp_free(void* hctx, void* scratch, void* out) {
     const auto* const end = static_cast<const uint8_t*>(scratch) + alloc.size;
     if (std::any_of(end, end + (8 - alloc.size % 8) % 8, [](uint8_t byte) { return byte != fill; }))
       host.complaint = "written behind the scratch: " + alloc.comment;
+    host.scratch_[i].reset();
     return;
   }
   host.complaint = "tmp_free of what wasn't allocated";

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <source_location>
 
 #include "tests/support/host.h"
 
@@ -67,9 +66,9 @@ T* no_address() {
 
 // Names the case that runs, with the seed, in failures and in the report of a fault inside the library.
 struct Case : testing::ScopedTrace {
-  Case(const testing::Message& what, const Random& random, std::source_location at = std::source_location::current())
-      : ScopedTrace(at.file_name(), static_cast<int>(at.line()),
-                    what.GetString() + ", seed " + std::to_string(random.seed())) {
+  Case(const testing::Message& what, const Random& random, const char* file = __builtin_FILE(),
+       int line = __builtin_LINE())
+      : ScopedTrace(file, line, what.GetString() + ", seed " + std::to_string(random.seed())) {
     now_running(what.GetString());
   }
 };

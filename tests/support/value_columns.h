@@ -57,6 +57,8 @@ void append(Bytes& to, T number) {
   to.insert(to.end(), bytes, bytes + sizeof number);
 }
 
+inline void append(Bytes& to, const Bytes& bytes) { to.insert(to.end(), bytes.begin(), bytes.end()); }
+
 // Native numbers anywhere in memory.
 template <class T>
 T get(const uint8_t* at) {

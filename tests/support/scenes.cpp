@@ -109,7 +109,7 @@ uint64_t hold_runs(Stage& s, const Bytes& lengths, uint32_t bits = 8) {
 void predicates() {
   for (const PredicateKernel& k : predicate_kernels()) {
     const uint32_t row = k.id() / 128, column = k.id() % 128, nrows = 2 * static_cast<uint32_t>(k.rows_per_step()) + 45;
-    const std::string of = k.title() == k.name() ? "" : "+" + std::to_string(k.value_bytes) + " bytes";
+    const std::string of = k.title() == k.name() ? "" : '+' + std::to_string(k.value_bytes) + " bytes";
     const auto width = static_cast<uint8_t>(k.value_bytes > 0 ? 8 * k.value_bytes : k.width);
     const auto hold = [k](Stage& s, Road road, const std::vector<Row>& rows, Column* c) {
       c->hold(s, road, stored_data(k, rows));
@@ -274,7 +274,7 @@ kdzk_vec out_symbols(Stage& s, uint32_t count) {
 
 void symbols(uint8_t width, uint32_t mode) {
   const auto dict_size = static_cast<uint32_t>(std::min<uint64_t>(uint64_t{1} << width, 200));
-  const std::string of_mode = "+" + std::to_string(mode);
+  const std::string of_mode = mode == 0 ? "+0" : "+1";
   add(kdzk_row_of_width(width), 42, {Road::fast, Road::tail, Road::blocked}, of_mode,
       [=](Stage& s, Road road, kdzk_kernel kernel) {
         Column c({.flags = KDZK_PACKED_DICT, .width = width}, 301);
@@ -352,7 +352,7 @@ void unpacked(uint8_t width, bool wide, uint8_t runs) {
 void bursts() {
   for (const uint32_t row : {6u, 7u, 14u, 15u}) {
     for (const unsigned percent : {1u, 50u, 99u}) {  // each has a way of its own
-      add(row, 110, one_road, "+" + std::to_string(percent) + " %", [=](Stage& s, Road, kdzk_kernel kernel) {
+      add(row, 110, one_road, '+' + std::to_string(percent) + " %", [=](Stage& s, Road, kdzk_kernel kernel) {
         const uint32_t runs = 300;
         const Bytes lengths = run_lengths(s, runs);
         Codes offsets(runs + 1);
@@ -470,7 +470,7 @@ void arithmetic_of(uint32_t op, uint32_t row) {
 
 template <class T>
 void sums_of(uint8_t float_kind, uint8_t width) {
-  const std::string of = "+" + std::to_string(width) + " bits, kind " + std::to_string(float_kind);
+  const std::string of = '+' + std::to_string(width) + " bits, kind " + std::to_string(float_kind);
   const auto stored = [=](Stage& s) {
     return s.in(float_kind == 8 ? Bytes(103u * width / 8, 0x81) : stored_numbers<T>(s, 103, true), 0);
   };

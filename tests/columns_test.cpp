@@ -85,9 +85,9 @@ struct Batch {
       const bool null = v.type == KDZK_HOST_NULL;
       const bool nan = null && type == KDZK_HOST_DOUBLE && row % 2 == 0;  // and no bit says that it is NULL
       if (null && !nan) nulls[(row - first) / 64] |= uint64_t{1} << (row - first) % 64;
-      integers.push_back(null ? 4711 : v.integer);
-      numbers.push_back(nan ? NAN : null ? 4711 : v.number);
-      texts.push_back(null ? kdzk_host_text{&first, 9} : v.text);
+      if (type == KDZK_HOST_INTEGER) integers.push_back(null ? 4711 : v.integer);
+      if (type == KDZK_HOST_DOUBLE) numbers.push_back(nan ? NAN : null ? 4711 : v.number);
+      if (type == KDZK_HOST_TEXT) texts.push_back(null ? kdzk_host_text{&first, 9} : v.text);
     }
     const void* const arrays[] = {integers.data(), numbers.data(), texts.data()};
     values = {type, static_cast<uint32_t>(last - first), arrays[type - 1], nulls.data()};

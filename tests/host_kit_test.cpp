@@ -116,42 +116,15 @@ TEST(FindKernel, FindsEachKernelByItsNameAndByItsCombination) {
   EXPECT_TRUE(ids.empty());
 }
 
-// Names and ids of the kernels that have no width in bits, in a library that has an entry everywhere.
-TEST(FindKernel, KnowsTheRuleOfTablesAndOperands) {
+TEST(FindKernel, KnowsNoOtherNamesWhateverTheTableHas) {
   std::vector<kdzk_kernel> everywhere(KDZK_DISPATCH_SIZE);
   for (kdzk_kernel& entry : everywhere) entry.any = [] {};
   kdzk_specialized_ctx full{};
   full.dispatch = everywhere.data();
-  const auto expect = [&](const std::string& name, uint32_t id) {
-    kdzk_host_kernel kernel;
-    ASSERT_EQ(kdzk_host_find_kernel_named(&full, name.c_str(), &kernel), KDZK_HOST_FOUND) << kernel.text;
-    EXPECT_EQ(kernel.id, id) << name;
-    EXPECT_EQ(kernel.text, name);
-  };
-  const std::string elements[] = {"bit", "nib", "ub1", "ub2", "ub4"}, tables[] = {"sim", "off", "ind", "groupkey"};
-  for (uint32_t table = 0; table < 4; table++) {
-    for (uint32_t element = 0; element < 5; element++) {
-      const uint32_t column = 17 + 32 * table;
-      if (table < 3) expect("kdzk_xlate_" + tables[table] + "_" + elements[element], element * 128 + column);
-      if (element == 0) continue;
-      expect("kdzk_xlate_" + tables[table] + "_" + elements[element] + "_c2d", (32 + element) * 128 + column);
-    }
-  }
-  const std::string operations[] = {"add", "sub", "mul"};
-  for (uint32_t row = 0; row < 46; row++) {
-    if ((row & ~(32u | 8 | 4 | 1)) != 0) continue;  // a variant, a sortable right and left side, doubles
-    for (uint32_t operation = 0; operation < 3; operation++)
-      expect("kdzk_" + operations[operation] + (row & 1 ? "_double" : "_float") + (row & 4 ? "_c" : "_n") +
-                 (row & 8 ? "_c" : "_n") + (row & 32 ? "_sum" : ""),
-             row * 128 + 19 + operation);
-  }
-  for (uint32_t width = 1; width <= 20; width++)
-    expect("kdzk_set_dict_" + std::to_string(width) + "bit", (width - 1) * 128 + 45);
-  kdzk_host_kernel kernel;  // what the rule doesn't have, whatever the table says
+  kdzk_host_kernel kernel;
   for (const char* name : {"kdzk_eq_rle_8bit", "kdzk_burst_dict_8bit", "kdzk_burst_rle_9bit", "kdzk_eq_dict_21bit",
-                           "kdzk_xlate_dict_8bit", "kdzk_eq_sim_ub1", "kdzk_xlate_float_n_n", "kdzk_add_dict_8bit"}) {
+                           "kdzk_xlate_dict_8bit", "kdzk_eq_sim_ub1", "kdzk_xlate_float_n_n", "kdzk_add_dict_8bit"})
     EXPECT_EQ(kdzk_host_find_kernel_named(&full, name, &kernel), KDZK_HOST_NO_KERNEL) << name;
-  }
 }
 
 TEST(FindKernel, SaysWhatThereIs) {

@@ -88,12 +88,10 @@ class RecordingHost {
   uint32_t decompress_result = 0;
 
   struct Alloc {
-    void* hctx;
-    void* heap;
+    void *hctx, *heap;
     uint32_t size;
     std::string comment;
-    uint32_t unit;
-    uint32_t alignment;
+    uint32_t unit, alignment;
     uint64_t tag;
     bool operator==(const Alloc&) const = default;
   };
@@ -102,8 +100,7 @@ class RecordingHost {
     kdzk_sqzb_ctx ctx;
     const void* src;
     void* dst;
-    uint32_t written_before;
-    uint32_t capacity;
+    uint32_t written_before, capacity;
   };
   std::vector<Decompress> decompressions;
   struct Error {

@@ -2,27 +2,22 @@
 
 #include "tests/support/scenes.h"
 
-#include <kdzk/host/packed_codes.h>
 #include <kdzk/host/prefix_records.h>
 #include <kdzk/host/sqzb.h>
 
-#include <algorithm>
-#include <cstring>
 #include <numeric>
 
 #include "tests/support/numbers.h"
 #include "tests/support/predicate_oracle.h"
+#include "tests/support/streams.h"
 #include "tests/support/value_columns.h"
 
 namespace kdzk_test {
 namespace {
 
-using Codes = std::vector<uint32_t>;
 using Roads = std::vector<Road>;
 const Roads one_road = {Road::fast}, plain_roads = {Road::fast, Road::tail},
             all_roads = {Road::fast, Road::tail, Road::selective, Road::blocked};
-const uint8_t dict_widths[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 24, 32};
-
 std::vector<Scene> all;
 
 // A kernel's scene; `play` gets its entry.
@@ -39,11 +34,6 @@ void add_slot(uint32_t slot, const std::string& name, const Roads& roads, const 
   all.push_back({name, slot_0 + slot, roads, play});
 }
 
-std::string special(uint32_t number, const char* what) {
-  std::string text = "+";
-  return text += std::to_string(number) += what;
-}
-
 // ---- Columns ----
 
 Codes random_codes(Stage& s, size_t n, uint64_t below) {
@@ -57,14 +47,6 @@ Bytes random_bytes(Stage& s, size_t n, uint64_t below = 256) {
   for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(s.random.below(below));
   return bytes;
 }
-
-Bytes packed(const Codes& codes, uint32_t width) {
-  Bytes bytes(kdzk_host_packed_bytes(codes.size(), width));
-  kdzk_host_pack(codes.data(), codes.size(), width, bytes.data());
-  return bytes;
-}
-
-Bytes big_endian(const Codes& numbers) { return packed(numbers, 32); }
 
 template <class T>
 std::vector<T> part_of(const std::vector<T>& rows, size_t first, size_t count) {
@@ -127,7 +109,7 @@ uint64_t hold_runs(Stage& s, const Bytes& lengths, uint32_t bits = 8) {
 void predicates() {
   for (const PredicateKernel& k : predicate_kernels()) {
     const uint32_t row = k.id() / 128, column = k.id() % 128, nrows = 2 * static_cast<uint32_t>(k.rows_per_step()) + 45;
-    const std::string of = k.title() == k.name() ? "" : special(static_cast<uint32_t>(k.value_bytes), " bytes");
+    const std::string of = k.title() == k.name() ? "" : '+' + std::to_string(k.value_bytes) + " bytes";
     const auto width = static_cast<uint8_t>(k.value_bytes > 0 ? 8 * k.value_bytes : k.width);
     const auto hold = [k](Stage& s, Road road, const std::vector<Row>& rows, Column* c) {
       c->hold(s, road, stored_data(k, rows));
@@ -292,7 +274,7 @@ kdzk_vec out_symbols(Stage& s, uint32_t count) {
 
 void symbols(uint8_t width, uint32_t mode) {
   const auto dict_size = static_cast<uint32_t>(std::min<uint64_t>(uint64_t{1} << width, 200));
-  const std::string of_mode = special(mode, "");
+  const std::string of_mode = mode == 0 ? "+0" : "+1";
   add(kdzk_row_of_width(width), 42, {Road::fast, Road::tail, Road::blocked}, of_mode,
       [=](Stage& s, Road road, kdzk_kernel kernel) {
         Column c({.flags = KDZK_PACKED_DICT, .width = width}, 301);
@@ -370,7 +352,7 @@ void unpacked(uint8_t width, bool wide, uint8_t runs) {
 void bursts() {
   for (const uint32_t row : {6u, 7u, 14u, 15u}) {
     for (const unsigned percent : {1u, 50u, 99u}) {  // each has a way of its own
-      add(row, 110, one_road, special(percent, " %"), [=](Stage& s, Road, kdzk_kernel kernel) {
+      add(row, 110, one_road, '+' + std::to_string(percent) + " %", [=](Stage& s, Road, kdzk_kernel kernel) {
         const uint32_t runs = 300;
         const Bytes lengths = run_lengths(s, runs);
         Codes offsets(runs + 1);
@@ -488,7 +470,7 @@ void arithmetic_of(uint32_t op, uint32_t row) {
 
 template <class T>
 void sums_of(uint8_t float_kind, uint8_t width) {
-  const std::string of = special(width, " bits, kind ") + std::to_string(float_kind);
+  const std::string of = '+' + std::to_string(width) + " bits, kind " + std::to_string(float_kind);
   const auto stored = [=](Stage& s) {
     return s.in(float_kind == 8 ? Bytes(103u * width / 8, 0x81) : stored_numbers<T>(s, 103, true), 0);
   };

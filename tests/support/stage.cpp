@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "tests/support/streams.h"
 #include "tests/support/value_columns.h"
 
 #if defined(__SANITIZE_ADDRESS__)

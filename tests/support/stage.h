@@ -19,12 +19,6 @@ namespace kdzk_test {
 
 using Bytes = std::vector<uint8_t>;
 
-template <class T>
-Bytes bytes_of(const std::vector<T>& numbers) {
-  const auto* const at = reinterpret_cast<const uint8_t*>(numbers.data());
-  return {at, at + numbers.size() * sizeof(T)};
-}
-
 // What no result may depend on.
 struct Surroundings {
   bool in_front = false;  // buffers begin `shift` bytes behind a page that faults, rather than end `shift` before one

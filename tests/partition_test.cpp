@@ -25,19 +25,16 @@ struct Leaf {
   uint32_t source;  // of ids: KDZK_IMPLICIT_IDS or 0; of payloads: their form
 };
 
-const std::vector<uint32_t> value_forms = {KDZK_FIXED_BYTES, KDZK_LEN_ARRAY, KDZK_LEN_PREFIXED, KDZK_PTR_LEN,
-                                           KDZK_PAIR16};
-
 std::vector<Leaf> leaves() {
   std::vector<Leaf> leaves = {{'A', KDZK_KEYED16, 0}, {'C', records, 0}};
-  std::vector<uint32_t> key_forms = value_forms;
+  std::vector<uint32_t> key_forms(std::begin(forms_of_values), std::end(forms_of_values));
   key_forms.push_back(KDZK_NUMERIC);
   for (const uint32_t ids : {KDZK_IMPLICIT_IDS, 0u}) {
     for (const uint32_t form : key_forms) leaves.push_back({'A', form, ids});
     leaves.push_back({'B', KDZK_HASH_U32, ids});
   }
   for (const uint32_t form : key_forms) {
-    for (const uint32_t payload : value_forms) leaves.push_back({'C', form, payload});
+    for (const uint32_t payload : forms_of_values) leaves.push_back({'C', form, payload});
     leaves.push_back({'D', form, KDZK_FIXED_BYTES});
   }
   return leaves;
@@ -105,7 +102,8 @@ struct Input {
       source = std::make_unique<ValueColumn>(leaf.source, payloads, random);
       row_enc = source->enc;
       if (leaf.source == KDZK_LEN_ARRAY || leaf.source == KDZK_LEN_PREFIXED) payload_positions = source->positions();
-      for (const uint32_t other : value_forms) row_enc.flags |= other > leaf.source && random.below(2) == 0 ? other : 0;
+      for (const uint32_t other : forms_of_values)
+        row_enc.flags |= other > leaf.source && random.below(2) == 0 ? other : 0;
     } else {  // the size copied is another than the distance from one to the next
       const Bytes stream = random_bytes(size_t{n} * size + payload_size, random);
       source = std::make_unique<ValueColumn>(KDZK_LEN_ARRAY, std::vector<Bytes>{stream}, random);
@@ -158,7 +156,7 @@ struct Input {
       key_enc.flags |= KDZK_FIXED_BYTES | KDZK_LEN_ARRAY;
       return;
     }
-    for (const uint32_t other : value_forms)
+    for (const uint32_t other : forms_of_values)
       key_enc.flags |= !again && other > leaf.key_form && random.below(2) == 0 ? other : 0;
     const bool prefixed = (key_enc.flags & KDZK_LEN_PREFIXED) != 0;
     if ((leaf.layout != 'C' || !prefixed) && random.below(2) == 0) key_enc.flags |= KDZK_NUMERIC;
@@ -277,7 +275,8 @@ TEST(PartitionForms, AreThoseOfTheMatrix) {
   const uint32_t key_flags[] = {KDZK_FIXED_BYTES, KDZK_LEN_ARRAY, KDZK_LEN_PREFIXED,
                                 KDZK_PTR_LEN,     KDZK_PAIR16,    KDZK_NUMERIC,
                                 KDZK_KEYED16,     KDZK_HASH_U32,  KDZK_KEYED24 | KDZK_PACKED_DICT};
-  const uint32_t any_value = KDZK_FIXED_BYTES | KDZK_LEN_ARRAY | KDZK_LEN_PREFIXED | KDZK_PTR_LEN | KDZK_PAIR16;
+  uint32_t any_value = 0;
+  for (const uint32_t form : forms_of_values) any_value |= form;
   kdzk_enc_ctx key_enc{}, row_enc{};
   kdzk_vec keys{.enc_ctx = &key_enc};
   kdzk_vec rows{.enc_ctx = &row_enc};

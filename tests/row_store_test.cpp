@@ -557,7 +557,7 @@ TEST(RowStore, GivesBackTheRowsItWasGiven) {
     kdzk_vec out{.data = got.data(), .enc_ctx = &out_enc, .out_size = got.size()};
     exec = {};
     EXPECT_EQ(library().ht_gather(&out, &in, &target, &exec), KDZK_DONE);
-    EXPECT_EQ(Bytes(got.data(), got.data() + got.size()), values);
+    EXPECT_EQ(contents(got), values);
     for (size_t i = 1; i < found.size(); i += 2) found[i]++;
   }
 }

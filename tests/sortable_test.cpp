@@ -48,7 +48,7 @@ struct Call {
   Bytes output() {
     for (size_t i = 0; i < slack; i++) EXPECT_EQ(out.data()[out.size() + i], 0xa5);
     EXPECT_EQ(result.hits, 4711u);
-    return Bytes(out.data(), out.data() + out.size());
+    return contents(out);
   }
 };
 

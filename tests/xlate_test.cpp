@@ -156,7 +156,7 @@ class Xlate : public testing::TestWithParam<Kernel> {
     EXPECT_EQ(result.hits, want_hits);
     EXPECT_TRUE(same_bytes(range, want_range)) << range.first << " to " << range.last;
     expect_bits(bits, want_bits, behind);
-    EXPECT_EQ(Bytes(map.data(), map.data() + map.size()), want_map);
+    EXPECT_EQ(contents(map), want_map);
     EXPECT_TRUE(same_bytes(exec, want_exec));
   }
 };
@@ -230,7 +230,7 @@ TEST(XlateGroupkey, AddsElementsTimesTheStride) {
         exec.start_row = 3;  // isn't looked at
         EXPECT_EQ(library().dispatch[k.id()].xlate(&result, &input, nullptr, &exec),
                   nrows > 0 ? KDZK_DONE : KDZK_NO_ROW);
-        ASSERT_EQ(Bytes(keys.data(), keys.data() + keys.size()), bytes_of(want));
+        ASSERT_EQ(contents(keys), bytes_of(want));
         EXPECT_EQ(result.hits, 4711u);
       }
     }

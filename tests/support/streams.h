@@ -45,6 +45,8 @@ Bytes bytes_of(const std::vector<T>& numbers) {
   return bytes;
 }
 
+inline Bytes contents(const GuardedBuffer& buffer) { return {buffer.data(), buffer.data() + buffer.size()}; }
+
 inline Bytes random_bytes(size_t n, Random& random) {
   std::vector<uint64_t> words(n / 8 + 1);
   for (uint64_t& word : words) word = random.bits();

@@ -111,7 +111,7 @@ struct Block {
     ASSERT_EQ(host.allocs.size(), 1u);
     EXPECT_EQ(host.allocs[0].comment, kernel + ": vec1_decomp");
     EXPECT_EQ(host.allocs[0].size, host.plain.size());
-    EXPECT_EQ(host.allocs[0].tag, 0x1234u);
+    EXPECT_TRUE(host.allocs[0].tag == 0x1234 && host.allocs[0].unit == 8 && host.allocs[0].alignment == 16);
     ASSERT_EQ(host.decompressions.size(), 1u);
     EXPECT_EQ(host.decompressions[0].src, &block);
     ASSERT_EQ(host.errors.size(), 1u);

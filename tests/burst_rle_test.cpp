@@ -2,7 +2,6 @@
 // The four burst kernels against a loop over rows.
 
 #include <gtest/gtest.h>
-#include <kdzk/host/run_length.h>
 
 #include <memory>
 
@@ -185,46 +184,6 @@ TEST_P(BurstRle, EndsTheProcessOnABrokenInvariant) {
 
 INSTANTIATE_TEST_SUITE_P(All, BurstRle, testing::ValuesIn(burst_kernels),
                          [](const auto& info) { return std::string(info.param.name); });
-
-// The whole road of a host: codes to a run-length column by the host kit, a predicate on its runs, and rows.
-TEST(BurstRleColumn, GoesFromPredicateToRows) {
-  Random random("burst_rle_column");
-  Codes codes;
-  while (codes.size() < 20000) codes.insert(codes.end(), 1 + random.below(600), static_cast<uint32_t>(random.below(8)));
-  const auto nrows = static_cast<uint32_t>(codes.size());
-  for (const uint32_t length_bits : {8u, 16u, 32u}) {
-    const uint32_t runs = kdzk_host_count_runs(codes.data(), nrows, length_bits);
-    Codes run_codes(runs);
-    std::vector<uint16_t> run_lengths(runs + KDZK_PADDING);
-    Bytes run_offsets(4 * (runs + 1));
-    kdzk_host_write_runs(codes.data(), nrows, length_bits, run_codes.data(),
-                         length_bits < 32 ? run_lengths.data() : nullptr, run_offsets.data());
-    GuardedBuffer data(packed(run_codes, 3));
-    GuardedBits run_bits(runs), bits(nrows);
-    kdzk_enc_ctx enc{.unpack_base = reinterpret_cast<uint64_t>(run_lengths.data()),
-                     .unpack_width = static_cast<uint8_t>(length_bits),
-                     .own_nrows = runs,
-                     .run_offsets = run_offsets.data(),
-                     .own_bitvec = run_bits.words(),
-                     .flags = KDZK_RLE | KDZK_PACKED_DICT,
-                     .width = 3};
-    enc.result_cb = [](const kdzk_env*, kdzk_vec* result, const kdzk_vec* input, const kdzk_result_report* report) {
-      const uint32_t id = input->enc_ctx->unpack_width == 8 ? 878 : input->enc_ctx->unpack_width == 16 ? 1902 : 1006;
-      return static_cast<uint32_t>(library().dispatch[id].burst(result, input, report));
-    };
-    kdzk_vec input{.data = data.data(), .enc_ctx = &enc};
-    kdzk_vec result{};
-    input.nrows = result.nrows = nrows;
-    result.bitvec = bits.words();
-    uint32_t three = 3;
-    kdzk_kargs constant{};
-    constant.data = &three;
-    kdzk_exec exec{};
-    EXPECT_EQ(library().dispatch[2 * 128 + 33].compare(&result, &input, &constant, &exec), KDZK_DONE);  // lt, 3 bits
-    for (uint32_t row = 0; row < nrows; row++) ASSERT_EQ(bits.row(row), codes[row] < 3) << row;
-    EXPECT_EQ(result.hits, count(bits.rows()));
-  }
-}
 
 }  // namespace
 }  // namespace kdzk_test

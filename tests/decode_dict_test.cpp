@@ -66,18 +66,7 @@ struct Dictionary {
   }
 };
 
-constexpr size_t front = 64;  // bytes before an output that must stay as they are
-constexpr uint8_t garbage = 0xa5;
-
-struct Output {
-  GuardedBuffer buffer;
-  explicit Output(size_t bytes) : buffer(front + bytes, 0, garbage) {}
-  uint8_t* data() { return buffer.data() + front; }
-  Bytes bytes() { return {data(), data() + buffer.size() - front}; }
-  bool front_is_whole() {
-    return std::all_of(buffer.data(), buffer.data() + front, [](uint8_t byte) { return byte == garbage; });
-  }
-};
+constexpr uint8_t garbage = 0xa5;  // what outputs hold before
 
 struct Symbols {
   std::vector<uint64_t> addresses;
@@ -107,8 +96,9 @@ Symbols looked_up(const Dictionary& dictionary, const Codes& codes, size_t satur
 }
 
 struct SymbolOutputs {
-  Output addresses, lengths, indicators;
-  explicit SymbolOutputs(size_t n) : addresses(8 * n), lengths(2 * n), indicators(2 * n) {}
+  GuardedBuffer addresses, lengths, indicators;
+  explicit SymbolOutputs(size_t n)
+      : addresses(8 * n, 0, garbage), lengths(2 * n, 0, garbage), indicators(2 * n, 0, garbage) {}
 
   void fill_in(kdzk_vec& result) {
     result.data = addresses.data();
@@ -117,11 +107,9 @@ struct SymbolOutputs {
   }
 
   void expect(const Symbols& want, bool indicated = true) {
-    EXPECT_EQ(addresses.bytes(), bytes_of(want.addresses));
-    EXPECT_EQ(lengths.bytes(), bytes_of(want.lengths));
-    const Bytes untouched(want.indicators.size() * 2, garbage);
-    EXPECT_EQ(indicators.bytes(), indicated ? bytes_of(want.indicators) : untouched);
-    EXPECT_TRUE(addresses.front_is_whole() && lengths.front_is_whole() && indicators.front_is_whole());
+    EXPECT_EQ(contents(addresses), bytes_of(want.addresses));
+    EXPECT_EQ(contents(lengths), bytes_of(want.lengths));
+    EXPECT_EQ(contents(indicators), indicated ? bytes_of(want.indicators) : Bytes(indicators.size(), garbage));
   }
 };
 
@@ -367,13 +355,12 @@ class DecodeSymbolValues : public DecodeSymbol {
       want.insert(want.end(), symbols.begin() + static_cast<long>(size_t{code} * length),
                   symbols.begin() + static_cast<long>((size_t{code} + 1) * length));
     }
-    Output out(want.size());
+    GuardedBuffer out(want.size());
     result.data = out.data();
     const std::string what =
         std::to_string(n) + " of " + std::to_string(dict_size) + " symbols of " + std::to_string(length) + " bytes";
     call(codes, what);
-    EXPECT_EQ(out.bytes(), want) << what;
-    EXPECT_TRUE(out.front_is_whole()) << what;
+    EXPECT_EQ(contents(out), want) << what;
   }
 };
 
@@ -391,10 +378,10 @@ TEST_P(DecodeSymbolValues, WrapTheProduct) {
   const Bytes symbols = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l'};
   GuardedBuffer base(symbols, 0);
   hold(6, base);
-  Output out(12);
+  GuardedBuffer out(12);
   result.data = out.data();
   call({0x80000001, 0x80000000}, "a code far out");
-  EXPECT_EQ(out.bytes(), (Bytes{'g', 'h', 'i', 'j', 'k', 'l', 'a', 'b', 'c', 'd', 'e', 'f'}));
+  EXPECT_EQ(contents(out), (Bytes{'g', 'h', 'i', 'j', 'k', 'l', 'a', 'b', 'c', 'd', 'e', 'f'}));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, DecodeSymbolValues, testing::Values(SymbolKernel{32, false}, SymbolKernel{32, true}),

@@ -25,19 +25,16 @@ struct Leaf {
   uint32_t source;  // of ids: KDZK_IMPLICIT_IDS or 0; of payloads: their form
 };
 
-const std::vector<uint32_t> value_forms = {KDZK_FIXED_BYTES, KDZK_LEN_ARRAY, KDZK_LEN_PREFIXED, KDZK_PTR_LEN,
-                                           KDZK_PAIR16};
-
 std::vector<Leaf> leaves() {
   std::vector<Leaf> leaves = {{'A', KDZK_KEYED16, 0}, {'C', records, 0}};
-  std::vector<uint32_t> key_forms = value_forms;
+  std::vector<uint32_t> key_forms(std::begin(forms_of_values), std::end(forms_of_values));
   key_forms.push_back(KDZK_NUMERIC);
   for (const uint32_t ids : {KDZK_IMPLICIT_IDS, 0u}) {
     for (const uint32_t form : key_forms) leaves.push_back({'A', form, ids});
     leaves.push_back({'B', KDZK_HASH_U32, ids});
   }
   for (const uint32_t form : key_forms) {
-    for (const uint32_t payload : value_forms) leaves.push_back({'C', form, payload});
+    for (const uint32_t payload : forms_of_values) leaves.push_back({'C', form, payload});
     leaves.push_back({'D', form, KDZK_FIXED_BYTES});
   }
   return leaves;
@@ -60,8 +57,6 @@ struct Input {
   const bool again = leaf.key_form == KDZK_KEYED16 || leaf.key_form == records;  // records of an earlier pass
   const bool hashes = !again && leaf.key_form != KDZK_NUMERIC;                   // whether the callback is called
   std::unique_ptr<ValueColumn> keys, source;
-  kdzk_vec key_vec{}, row_vec{};
-  kdzk_enc_ctx key_enc{}, row_enc{};
   uint16_t payload_size;
   std::vector<Row> rows;
   std::vector<uint64_t> key_positions, payload_positions;  // empty if the leaf has none
@@ -80,14 +75,12 @@ struct Input {
       if (leaf.layout == 'C') append(record, static_cast<uint16_t>(payloads[i].size() + 8));
       append(record, rows[i].hash);
       if (leaf.layout == 'B') {
-        append(record, get<uint32_t>(static_cast<const uint8_t*>(key_vec.data) + i * 4));
+        append(record, get<uint32_t>(static_cast<const uint8_t*>(keys->vec.data) + i * 4));
         record.insert(record.end(), 4, garbage);
         append(record, id);
       }
       if (leaf.layout == 'C' || leaf.layout == 'D') append(record, payloads[i]);
     }
-    key_vec.enc_ctx = &key_enc;
-    row_vec.enc_ctx = &row_enc;
   }
   Input(const Input&) = delete;
 
@@ -98,27 +91,26 @@ struct Input {
     std::vector<Bytes> payloads;
     if (leaf.layout == 'A' || leaf.layout == 'B') {
       source = std::make_unique<ValueColumn>(KDZK_NUMERIC, ids, random);
-      row_enc.flags = leaf.source | KDZK_NUMERIC;
+      source->enc.flags = leaf.source | KDZK_NUMERIC;
     } else if (leaf.layout == 'C') {
       payloads = random_values(leaf.source, n, size, random);
       if (leaf.source != KDZK_FIXED_BYTES && n == 60) payloads[n / 3].assign(65527, 0x3d);
       source = std::make_unique<ValueColumn>(leaf.source, payloads, random);
-      row_enc = source->enc;
       if (leaf.source == KDZK_LEN_ARRAY || leaf.source == KDZK_LEN_PREFIXED) payload_positions = source->positions();
-      for (const uint32_t other : value_forms) row_enc.flags |= other > leaf.source && random.below(2) == 0 ? other : 0;
+      for (const uint32_t other : forms_of_values)
+        source->enc.flags |= other > leaf.source && random.below(2) == 0 ? other : 0;
     } else {  // the size copied is another than the distance from one to the next
       const Bytes stream = random_bytes(size_t{n} * size + payload_size, random);
       source = std::make_unique<ValueColumn>(KDZK_LEN_ARRAY, std::vector<Bytes>{stream}, random);
-      row_enc.flags = leaf.source;
-      row_enc.width = static_cast<uint8_t>(size * 8);
+      source->enc.flags = leaf.source;
+      source->enc.width = static_cast<uint8_t>(size * 8);
       for (uint32_t i = 0; i < n; i++) {
         const auto first = stream.begin() + static_cast<long>(size) * i;
         payloads.push_back(Bytes(first, first + payload_size));
       }
     }
-    row_vec = source->vec;
-    row_vec.rowbase = rowbase;
-    if (leaf.source == KDZK_IMPLICIT_IDS) row_vec.data = nullptr;
+    source->vec.rowbase = rowbase;
+    if (leaf.source == KDZK_IMPLICIT_IDS) source->vec.data = nullptr;
     return payloads;
   }
 
@@ -147,21 +139,19 @@ struct Input {
       }
     }
     keys = std::make_unique<ValueColumn>(stored_as, values, random);
-    key_vec = keys->vec;
-    key_enc = keys->enc;
-    key_enc.flags = leaf.key_form;
+    keys->enc.flags = leaf.key_form;
     if (stored_as == KDZK_LEN_ARRAY || stored_as == KDZK_LEN_PREFIXED) key_positions = keys->positions();
     // Flags that are looked for later have no influence. In layout A, KDZK_KEYED16 comes before KDZK_NUMERIC; in layout
     // C, KDZK_NUMERIC makes records of KDZK_LEN_PREFIXED.
     if (leaf.key_form == KDZK_NUMERIC || leaf.key_form == KDZK_HASH_U32) return;
     if (leaf.layout == 'C' && again) {
-      key_enc.flags |= KDZK_FIXED_BYTES | KDZK_LEN_ARRAY;
+      keys->enc.flags |= KDZK_FIXED_BYTES | KDZK_LEN_ARRAY;
       return;
     }
-    for (const uint32_t other : value_forms)
-      key_enc.flags |= !again && other > leaf.key_form && random.below(2) == 0 ? other : 0;
-    const bool prefixed = (key_enc.flags & KDZK_LEN_PREFIXED) != 0;
-    if ((leaf.layout != 'C' || !prefixed) && random.below(2) == 0) key_enc.flags |= KDZK_NUMERIC;
+    for (const uint32_t other : forms_of_values)
+      keys->enc.flags |= !again && other > leaf.key_form && random.below(2) == 0 ? other : 0;
+    const bool prefixed = (keys->enc.flags & KDZK_LEN_PREFIXED) != 0;
+    if ((leaf.layout != 'C' || !prefixed) && random.below(2) == 0) keys->enc.flags |= KDZK_NUMERIC;
   }
 };
 
@@ -205,7 +195,7 @@ uint32_t call_and_compare(Input& input, kdzk_partdesc desc, kdzk_exec& exec, con
   desc.cursors = cursors.data();
   desc.limits = limits.data();
   hash_calls = 0;
-  EXPECT_EQ(library().partition_rows(&desc, &input.key_vec, input.again ? nullptr : &input.row_vec,
+  EXPECT_EQ(library().partition_rows(&desc, &input.keys->vec, input.again ? nullptr : &input.source->vec,
                                      input.hashes ? plain_hash : nullptr, &exec),
             full ? KDZK_PARTITION_FULL : KDZK_DONE);
   EXPECT_EQ(hash_calls, calls);
@@ -277,7 +267,8 @@ TEST(PartitionForms, AreThoseOfTheMatrix) {
   const uint32_t key_flags[] = {KDZK_FIXED_BYTES, KDZK_LEN_ARRAY, KDZK_LEN_PREFIXED,
                                 KDZK_PTR_LEN,     KDZK_PAIR16,    KDZK_NUMERIC,
                                 KDZK_KEYED16,     KDZK_HASH_U32,  KDZK_KEYED24 | KDZK_PACKED_DICT};
-  const uint32_t any_value = KDZK_FIXED_BYTES | KDZK_LEN_ARRAY | KDZK_LEN_PREFIXED | KDZK_PTR_LEN | KDZK_PAIR16;
+  uint32_t any_value = 0;
+  for (const uint32_t form : forms_of_values) any_value |= form;
   kdzk_enc_ctx key_enc{}, row_enc{};
   kdzk_vec keys{.enc_ctx = &key_enc};
   kdzk_vec rows{.enc_ctx = &row_enc};

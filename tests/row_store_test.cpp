@@ -258,10 +258,7 @@ TEST_P(GatherChoice, LongValuesAndFarRows) {
   uint8_t* pages_of_offsets[] = {offsets.data()};
   const uint64_t base = reinterpret_cast<uint64_t>(value.data());
   put(offsets.data() + 4, uint32_t{70000});
-  made.record.flags = 8;
-  made.record.page_lo = 64;
-  made.record.offsets = pages_of_offsets;
-  made.record.bases = &base;
+  made.record = {.flags = 8, .page_lo = 64, .offsets = pages_of_offsets, .bases = &base};
   store = &made;
   in.data = locators.data();
   in.nrows = 1;
@@ -331,14 +328,13 @@ INSTANTIATE_TEST_SUITE_P(All, GatherChoice, testing::Values(Leaf{32, u64, KDZK_L
 
 TEST(PairMatrix, HoldsThePairsOfEachColumn) {
   Random random("pair_matrix");
-  const uint32_t forms[] = {KDZK_FIXED_BYTES, KDZK_LEN_ARRAY, KDZK_LEN_PREFIXED, KDZK_PTR_LEN, KDZK_PAIR16};
-  for (const uint32_t form : forms) {
+  for (const uint32_t form : forms_of_values) {
     for (const uint32_t rows : {0u, 1u, 6u, 7u, 8u, 100u, 1000u}) {
       for (const uint16_t ncols : {1, 2, 7}) {
         const auto column = static_cast<uint32_t>(random.below(ncols));
         const std::vector<Bytes> values = random_values(form, rows, static_cast<uint32_t>(random.below(32)), random);
         ValueColumn col(form, values, random);
-        for (const uint32_t later : forms) col.enc.flags |= later > form ? later : 0;
+        for (const uint32_t later : forms_of_values) col.enc.flags |= later > form ? later : 0;
         Written matrix(size_t{rows} * ncols * 16, random);
         uint8_t* cursors[] = {nullptr, matrix.real.data()};
         kdzk_rowstore store{.flags = uint32_t(random.bits() | 32), .ncols = ncols, .pair_cursors = cursors};
@@ -353,7 +349,7 @@ TEST(PairMatrix, HoldsThePairsOfEachColumn) {
                         : form == KDZK_PAIR16 ? get<const uint8_t*>(data + row * 16 + 8)
                                               : data + start + (form == KDZK_LEN_PREFIXED ? 2 : 0));
         }
-        ASSERT_TRUE(matrix.agrees()) << "form " << form << ", " << rows << " rows, column " << column << " of "
+        ASSERT_TRUE(matrix.agrees()) << form_name(form) << ", " << rows << " rows, column " << column << " of "
                                      << ncols;
         EXPECT_EQ(cursors[1], matrix.real.data());
         col.enc.flags = ~uint32_t{0xf800};
@@ -561,7 +557,7 @@ TEST(RowStore, GivesBackTheRowsItWasGiven) {
     kdzk_vec out{.data = got.data(), .enc_ctx = &out_enc, .out_size = got.size()};
     exec = {};
     EXPECT_EQ(library().ht_gather(&out, &in, &target, &exec), KDZK_DONE);
-    EXPECT_EQ(Bytes(got.data(), got.data() + got.size()), values);
+    EXPECT_EQ(contents(got), values);
     for (size_t i = 1; i < found.size(); i += 2) found[i]++;
   }
 }

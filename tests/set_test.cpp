@@ -193,7 +193,7 @@ TEST_P(Sets, DecompressABlockedColumnOnce) {
   for (const uint8_t flags : {uint8_t{0}, uint8_t{KDZK_EX_SELECTIVE}}) {
     for (unsigned percent : {0u, 50u, 100u}) {
       Membership m = column(203, percent);
-      Block block(m.input, m.enc, m.exec, Bytes(m.data.data(), m.data.data() + m.data.size()));
+      Block block(m.input, m.enc, m.exec, contents(m.data));
       GuardedBits selection(std::vector<bool>(203, true), 0);
       m.exec.selection = selection.words();
       m.exec.flags = flags;

@@ -48,7 +48,7 @@ struct Call {
   Bytes output() {
     for (size_t i = 0; i < slack; i++) EXPECT_EQ(out.data()[out.size() + i], 0xa5);
     EXPECT_EQ(result.hits, 4711u);
-    return Bytes(out.data(), out.data() + out.size());
+    return contents(out);
   }
 };
 
@@ -100,6 +100,21 @@ class SortableColumns : public testing::Test {};
 using FloatTypes = testing::Types<float, double>;
 TYPED_TEST_SUITE(SortableColumns, FloatTypes);
 
+// By the host kit, whose readers give back what rows there are from the third on.
+template <class T>
+void expect_written(const std::vector<T>& rows, const Bytes& stored) {
+  Bytes written(stored.size());
+  std::vector<T> from_third(rows.begin() + std::min<long>(2, long(rows.size())), rows.end()), read(from_third.size());
+  if constexpr (sizeof(T) == 4) {
+    kdzk_host_write_sortable_floats(rows.data(), rows.size(), written.data());
+    kdzk_host_read_sortable_floats(written.data(), 2, read.size(), read.data());
+  } else {
+    kdzk_host_write_sortable_doubles(rows.data(), rows.size(), written.data());
+    kdzk_host_read_sortable_doubles(written.data(), 2, read.size(), read.data());
+  }
+  EXPECT_TRUE(written == stored && bytes_of(read) == bytes_of(from_third));
+}
+
 TYPED_TEST(SortableColumns, AreDecodedAndSummedToTheBit) {
   using T = TypeParam;
   Random random("sortable" + std::to_string(sizeof(T)));
@@ -110,6 +125,7 @@ TYPED_TEST(SortableColumns, AreDecodedAndSummedToTheBit) {
         const Case now(Message() << n << " rows, numbers " << int(numbers_of) << ", mode " << mode, random);
         const auto rows = numbers<T>(numbers_of, n, random);
         const Bytes stored = sortable_bytes(rows);
+        expect_written(rows, stored);
         // Any kind with the bit, below others.
         const auto loose_kind = static_cast<uint8_t>(kind | (random.bits() & (kind == 1 ? 0xfe : 0xfc)));
         Call decoding(loose_kind, stored, n, Bytes(n * sizeof(T), 0x5a), random);
@@ -241,33 +257,13 @@ TEST(Sortable, AssertsThatIntegersAreNotDecoded) {
   EXPECT_EQ(call.output(), Bytes(8, 3));
 }
 
-// The host kit's writers, and what the form is for: bytes that sort as the values do.
-TYPED_TEST(SortableColumns, AreWrittenAndSortAsTheirValues) {
-  using T = TypeParam;
-  Random random("sortable_host" + std::to_string(sizeof(T)));
-  for (const Numbers kind : kinds_of_numbers) {
-    const auto rows = numbers<T>(kind, 300, random);
-    GuardedBuffer column(rows.size() * sizeof(T));
-    std::vector<T> read(200);
-    if constexpr (sizeof(T) == 4) kdzk_host_write_sortable_floats(rows.data(), 300, column.data());
-    if constexpr (sizeof(T) == 8) kdzk_host_write_sortable_doubles(rows.data(), 300, column.data());
-    if constexpr (sizeof(T) == 4) kdzk_host_read_sortable_floats(column.data(), 100, 200, read.data());
-    if constexpr (sizeof(T) == 8) kdzk_host_read_sortable_doubles(column.data(), 100, 200, read.data());
-    EXPECT_EQ(Bytes(column.data(), column.data() + column.size()), sortable_bytes(rows));
-    EXPECT_EQ(bytes_of(read), bytes_of(std::vector<T>(rows.begin() + 100, rows.end())));
-    for (size_t i = 1; i < 300; i++) {
-      if (std::isnan(rows[i - 1]) || std::isnan(rows[i]) || rows[i - 1] == rows[i]) continue;
-      const int order = std::memcmp(column.data() + (i - 1) * sizeof(T), column.data() + i * sizeof(T), sizeof(T));
-      EXPECT_EQ(order < 0, rows[i - 1] < rows[i]);
-    }
-  }
-}
-
 // The walk-through of the format's description.
 TEST(SortableFormat, IsAsDescribed) {
   const auto documented = documented_bytes("sortable.md");
   const std::vector<float> floats = {-INFINITY, -2.5f, -1, -0.0f, 0, 1, 2.5f, INFINITY};
   EXPECT_EQ(documented.at("floats"), sortable_bytes(floats));
+  for (size_t i = 4; i < 32; i += 4)  // what the form is for: bytes that sort as the values do
+    EXPECT_LT(std::memcmp(&documented.at("floats")[i - 4], &documented.at("floats")[i], 4), 0);
   EXPECT_EQ(documented.at("doubles"), sortable_bytes(std::vector<double>{-1, -0.0, 0, 1}));
   Bytes integers(6);
   const int64_t three[] = {300, -2, -32768};

@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <sstream>
 
-#include "tests/support/example_data.h"
 #include "tests/support/format_docs.h"
 #include "tests/support/sqzb_oracle.h"
 #include "tests/support/streams.h"
@@ -242,23 +242,14 @@ Bytes random_words(Random& random, size_t size) {
   return data;
 }
 
-// Of few values or many, and of words.
-std::vector<Bytes> random_data(Random& random, size_t size) {
-  std::vector<Bytes> all = {random_words(random, size)};
-  for (const uint32_t values : {1u, 2u, 3u, 4u, 5u, 8u, 9u, 60u, 256u})
-    all.push_back(random_bytes(random, size, values));
-  return all;
-}
-
 TEST(SqzbWriter, WritesWhatDecodesToTheSame) {
   Random random("sqzb writer");
   for (const size_t size :
        {0u, 1u, 2u, 3u, 7u, 8u, 9u, 16u, 17u, 63u, 64u, 65u, 100u, 300u, 511u, 512u, 2000u, 20000u}) {
-    for (const Bytes& data : random_data(random, size)) {
-      const Case now(Message() << size << " bytes", random);
-      round_trip(data);
-      if (HasFailure()) return;
-    }
+    const Case now(Message() << size << " bytes", random);
+    round_trip(random_words(random, size));
+    for (const uint32_t values : {1u, 2u, 3u, 4u, 5u, 9u, 60u, 256u}) round_trip(random_bytes(random, size, values));
+    if (HasFailure()) return;
   }
 }
 
@@ -311,27 +302,31 @@ TEST(SqzbWriter, BearsDataThatTheSampleMisses) {
   EXPECT_LT(round_trip(random_words(random, size)), size / 2);
 }
 
-void expect_shrinks(const Bytes& column, const std::string& name) {
-  SCOPED_TRACE(name);
+// The values of a column, one behind the other; a comma in a quoted field divides it, too.
+Bytes example_column(const std::string& file, size_t column) {
+  std::ifstream lines(KDZK_SOURCE_DIR "/examples/data/" + file);
+  std::string line, field, values;
+  for (std::getline(lines, line); std::getline(lines, line); values += field) {
+    std::istringstream fields(line);
+    for (size_t i = 0; i <= column; i++) std::getline(fields, field, ',');
+  }
+  return from_text(values);
+}
+
+void expect_shrinks(const Bytes& column) {
   const size_t size = round_trip(column);
   EXPECT_GE(static_cast<double>(column.size()), 1.8 * static_cast<double>(size)) << column.size() << " to " << size;
   for (uint32_t width = 8; width <= 10; width++) round_trip(column, width);
 }
 
 TEST(SqzbWriter, ShrinksRealColumns) {
-  const std::pair<const char*, size_t> columns[] = {
-      {"airports.csv", 1}, {"airports.csv", 2}, {"flights.csv", 4}, {"flights.csv", 5}};
-  for (const auto& [file, column] : columns) {
-    std::string values;
-    for (const auto& line : example_lines(file)) values += line[column];
-    expect_shrinks(from_text(values), std::string(file) + " " + std::to_string(column));
-  }
+  for (const size_t column : {1u, 2u}) expect_shrinks(example_column("airports.csv", column));
+  for (const size_t column : {4u, 5u}) expect_shrinks(example_column("flights.csv", column));
   std::ifstream file("/usr/share/dict/american-english", std::ios::binary);
   const std::string words((std::istreambuf_iterator<char>(file)), {});
   if (words.empty()) GTEST_SKIP() << "wamerican is not installed";
-  expect_shrinks(from_text(words), "words");
-  for (size_t from = 0; from < words.size(); from += 65536 * 4)
-    expect_shrinks(from_text(words.substr(from, 65536)), "64 KiB");
+  expect_shrinks(from_text(words));
+  for (size_t from = 0; from < words.size(); from += 65536 * 4) expect_shrinks(from_text(words.substr(from, 65536)));
 }
 
 // The document's example block is what the writer makes of the document's text, byte for byte.

@@ -156,7 +156,7 @@ class Xlate : public testing::TestWithParam<Kernel> {
     EXPECT_EQ(result.hits, want_hits);
     EXPECT_TRUE(same_bytes(range, want_range)) << range.first << " to " << range.last;
     expect_bits(bits, want_bits, behind);
-    EXPECT_EQ(Bytes(map.data(), map.data() + map.size()), want_map);
+    EXPECT_EQ(contents(map), want_map);
     EXPECT_TRUE(same_bytes(exec, want_exec));
   }
 };
@@ -191,18 +191,12 @@ TEST_P(Xlate, TakesPagesOfAnySize) {
 
 TEST_P(Xlate, RefusesOtherFormsUntouched) {
   const Table table(GetParam(), 8, 0, 0, 8, random);
-  for (const auto& [flags, width] : {std::pair(KDZK_PACKED_DICT, 32),
-                                     {KDZK_NUMERIC, 0},
-                                     {KDZK_NUMERIC, 8},
-                                     {KDZK_NUMERIC, 16},
-                                     {KDZK_NUMERIC, 31},
-                                     {KDZK_NUMERIC, 33},
-                                     {KDZK_NUMERIC, 64}}) {
+  for (const int width : {-1, 0, 8, 16, 31, 33, 64}) {  // -1: not even numeric
     const uint64_t word = 1;
     for (const uint64_t* const selection : {&word, static_cast<const uint64_t*>(nullptr)}) {
-      kdzk_enc_ctx enc{.flags = flags, .width = static_cast<uint8_t>(width)};
-      kdzk_vec input{.enc_ctx = &enc, .nrows = 40};
-      kdzk_vec result{.hits = 4711};
+      kdzk_enc_ctx enc{.flags = width < 0 ? KDZK_PACKED_DICT : KDZK_NUMERIC};
+      enc.width = static_cast<uint8_t>(std::abs(width) * (width < 0 ? 32 : 1));
+      kdzk_vec input{.enc_ctx = &enc, .nrows = 40}, result{.hits = 4711};
       kdzk_exec exec{.selection = selection, .xlate_info = &table.enc};
       EXPECT_EQ(library().dispatch[GetParam().id()].xlate(&result, &input, &table.vec, &exec), KDZK_UNSUPPORTED);
       EXPECT_EQ(result.hits, 4711u);
@@ -236,7 +230,7 @@ TEST(XlateGroupkey, AddsElementsTimesTheStride) {
         exec.start_row = 3;  // isn't looked at
         EXPECT_EQ(library().dispatch[k.id()].xlate(&result, &input, nullptr, &exec),
                   nrows > 0 ? KDZK_DONE : KDZK_NO_ROW);
-        ASSERT_EQ(Bytes(keys.data(), keys.data() + keys.size()), bytes_of(want));
+        ASSERT_EQ(contents(keys), bytes_of(want));
         EXPECT_EQ(result.hits, 4711u);
       }
     }

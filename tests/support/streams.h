@@ -45,6 +45,8 @@ Bytes bytes_of(const std::vector<T>& numbers) {
   return bytes;
 }
 
+inline Bytes contents(const GuardedBuffer& buffer) { return {buffer.data(), buffer.data() + buffer.size()}; }
+
 inline Bytes random_bytes(size_t n, Random& random) {
   std::vector<uint64_t> words(n / 8 + 1);
   for (uint64_t& word : words) word = random.bits();
@@ -112,7 +114,7 @@ struct Block {
     ASSERT_EQ(host.allocs.size(), 1u);
     EXPECT_EQ(host.allocs[0].comment, kernel + ": vec1_decomp");
     EXPECT_EQ(host.allocs[0].size, host.plain.size());
-    EXPECT_EQ(host.allocs[0].tag, 0x1234u);
+    EXPECT_TRUE(host.allocs[0].tag == 0x1234 && host.allocs[0].unit == 8 && host.allocs[0].alignment == 16);
     ASSERT_EQ(host.decompressions.size(), 1u);
     EXPECT_EQ(host.decompressions[0].src, &block);
     ASSERT_EQ(host.errors.size(), 1u);

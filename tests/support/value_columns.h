@@ -19,6 +19,10 @@ using Bytes = std::vector<uint8_t>;
 uint64_t plain_hash(const void* key, uint32_t length, uint64_t seed);
 extern thread_local uint64_t hash_calls;
 
+// The forms of values that aren't numbers; where flags of several are set, the first of them counts.
+inline constexpr uint32_t forms_of_values[] = {KDZK_FIXED_BYTES, KDZK_LEN_ARRAY, KDZK_LEN_PREFIXED, KDZK_PTR_LEN,
+                                               KDZK_PAIR16};
+
 std::string form_name(uint32_t form);  // of one flag of kdzk_enc_ctx.flags
 
 // `n` values that a column of this form can hold, short ones mostly; those of KDZK_FIXED_BYTES have `size` bytes.

@@ -136,7 +136,9 @@ long emulated "All tests of kernels and services on an emulated Nehalem, but for
 qemu-x86_64 -cpu Nehalem $build/tests/kdzk_promises --gtest_brief=1"
 long coverage "Every branch of the library is taken both ways, or tests/branches.txt says why not" "tools/coverage.py"
 long mutants "Single changes of the library fail a test, or tests/mutants.txt says why not" "tools/mutate.py --quick --sample 80 '*/*.cpp'"
-long fuzzing "An hour of the fuzzing above" "$build/tests/kdzk_fuzz all 900"
+long fuzzing "An hour of that by libFuzzer, with the sanitizers (CONTRIBUTING.md tells of the last one)" "set -e; cmake \
+--preset fuzz; cmake --build --preset fuzz; for format in sqzb prefix_records run_length packed_codes; do \
+build-fuzz/tests/kdzk_fuzz_\$format -max_len=8192 -max_total_time=900 -print_final_stats=1; done"
 
 {
   cat <<END

@@ -99,7 +99,7 @@ struct Filter {
 
   const uint8_t* byte(uint32_t page, uint32_t number) const {
     if constexpr (!paged) return static_cast<const uint8_t*>(bits) + number;
-    return static_cast<const uint8_t* const*>(bits)[page] + number;
+    return load<const uint8_t*>(static_cast<const uint8_t*>(bits) + uint64_t{page} * 8) + number;
   }
   template <int row>
   const uint8_t* byte(const Places<paged>& places) const {

@@ -63,7 +63,7 @@ struct Stored {
 
   template <class T>
   Stored(const std::vector<T>& values, bool sortable, bool constant, Random& random)
-      : buffer(sortable ? sortable_bytes(values) : native_bytes(values), any_slack(random)) {
+      : buffer(sortable ? sortable_bytes(values) : bytes_of(values), any_slack(random)) {
     enc.flags = (constant ? KDZK_CONST : 0) | (random.bits() & ~uint64_t{KDZK_CONST} & 0xffffffff);
     vec.data = buffer.data();
     vec.enc_ctx = &enc;
@@ -85,7 +85,7 @@ class Arithmetic : public testing::TestWithParam<ArithmeticKernel> {
     stored_right.vec.nrows = left_has_rows ? static_cast<uint32_t>(random.below(n + 1)) : n;
 
     const size_t out_values = kernel.has_sum ? 1 : n, slack = any_slack(random);
-    GuardedBuffer out(native_bytes(numbers<T>(kind, out_values, random)), slack);
+    GuardedBuffer out(bytes_of(numbers<T>(kind, out_values, random)), slack);
     T accumulator{};
     if (kernel.has_sum) std::memcpy(&accumulator, out.data(), sizeof accumulator);
     kdzk_vec result{};

@@ -20,8 +20,8 @@ uint32_t crossings(const std::vector<Point>& vertices, Point point, Random& rand
     x.push_back(vertex.x);
     y.push_back(vertex.y);
   }
-  GuardedBuffer xs(native_bytes(x), any_slack(random)), ys(native_bytes(y), any_slack(random));
-  GuardedBuffer out(4), px(native_bytes(std::vector{point.x}), 0), py(native_bytes(std::vector{point.y}), 0);
+  GuardedBuffer xs(bytes_of(x), any_slack(random)), ys(bytes_of(y), any_slack(random));
+  GuardedBuffer out(4), px(bytes_of(std::vector{point.x}), 0), py(bytes_of(std::vector{point.y}), 0);
   kdzk_vec vecs[5] = {};
   GuardedBuffer* const buffers[5] = {&out, &xs, &ys, &px, &py};
   for (int i = 0; i < 5; i++) vecs[i].data = buffers[i]->data();

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <limits>
 
-#include "tests/support/host.h"
+#include "tests/support/streams.h"
 
 namespace kdzk_test {
 
@@ -69,13 +69,6 @@ std::vector<T> numbers(Numbers kind, size_t count, Random& random) {
     if (kind == Numbers::minus_zero) value = -T{0};
   }
   return values;
-}
-
-template <class T>
-std::vector<uint8_t> native_bytes(const std::vector<T>& values) {
-  std::vector<uint8_t> bytes(values.size() * sizeof(T));
-  if (!bytes.empty()) std::memcpy(bytes.data(), values.data(), bytes.size());
-  return bytes;
 }
 
 // Sign bit set: all bits inverted; clear: the sign bit inverted. Top byte first.

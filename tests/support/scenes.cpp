@@ -447,7 +447,7 @@ void group_keys(bool multiplies, bool selected) {
 template <class T>
 Bytes stored_numbers(Stage& s, size_t n, bool sortable) {
   const auto values = numbers<T>(Numbers::near_one, n, s.random);
-  return sortable ? sortable_bytes(values) : native_bytes(values);
+  return sortable ? sortable_bytes(values) : bytes_of(values);
 }
 
 template <class T>
